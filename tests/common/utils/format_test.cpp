@@ -1,7 +1,6 @@
 // Tests of the message formatter: placeholder scanning, specifiers, sticky state and per-type rendering.
 #include "common/utils/format.h"
 
-#include <cxxabi.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -45,7 +44,9 @@ public:
 
 }  // namespace
 
-extern "C" [[noreturn]] void __cxa_throw(void* object, std::type_info* type, void (*destructor)(void*)) {
+// The compiler declares the entry point itself, with an untyped second parameter.
+extern "C" [[noreturn]] void __cxa_throw(void* object, void* typeInfo, void (*destructor)(void*)) {
+    const auto* type = static_cast<const std::type_info*>(typeInfo);
     if (g_recordThrows && *type == typeid(common::common_internal::DefaultException)) {
         const auto* e = static_cast<const common::common_internal::DefaultException*>(object);
         ++g_thrown.count;
@@ -56,11 +57,11 @@ extern "C" [[noreturn]] void __cxa_throw(void* object, std::type_info* type, voi
         g_thrown.what = e->what();
         g_thrown.flags = e->flags();
     }
-    using ThrowFunction = void (*)(void*, std::type_info*, void (*)(void*));
+    using ThrowFunction = void (*)(void*, void*, void (*)(void*));
     static const auto next = reinterpret_cast<ThrowFunction>(dlsym(RTLD_NEXT, "__cxa_throw"));
     if (!next)
         std::abort();
-    next(object, type, destructor);
+    next(object, typeInfo, destructor);
     __builtin_unreachable();
 }
 
