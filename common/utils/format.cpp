@@ -70,8 +70,6 @@ public:
             out.setf(base->base, std::ios_base::basefield);
             if (base->upper)
                 out.setf(std::ios_base::uppercase);
-            else
-                out.unsetf(std::ios_base::uppercase);
         }
     }
     ~FormattingGuard() {
