@@ -185,6 +185,8 @@ TEST(Format, DoublePercentDropsThePrecedingLiteralText) {
     EXPECT_EQ(format("a{0}b%%c", "X"), "aX%c");
     EXPECT_EQ(format("%%%1", "X"), "%X");
     EXPECT_EQ(format("%%", 1), "%");
+    EXPECT_EQ(format("ab%%", 1), "%");
+    EXPECT_EQ(format("a%%b%%c", 1), "%%c");
 }
 
 // --- integer base specifiers ---
@@ -209,6 +211,11 @@ TEST(Format, LaterBaseSpecifierReplacesTheEarlierOne) {
     EXPECT_EQ(format("{0:x:d}", 255), "255");
     EXPECT_EQ(format("{0:d:x}", 255), "ff");
     EXPECT_EQ(format("{0:X:x}", 255), "ff");
+}
+
+TEST(Format, LaterFixedSpecifierReplacesTheEarlierOne) {
+    EXPECT_EQ(format("{0:f.1:f.3}", 1.5), "1.500");
+    EXPECT_EQ(format("{0:f.3:f.1}", 1.5), "1.5");
 }
 
 TEST(Format, UnknownSpecifiersAreIgnored) {
