@@ -1,0 +1,48 @@
+// The X11 / XInput2 raw input driver. Xlib declarations stay in the implementation: its macros
+// (None, True, Status...) would clash with the names of including code.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "bridge/rawinputdriverbase.h"
+#include "common/com/comclass.h"
+#include "common/com/refcounted.h"
+
+namespace zel {
+
+/// Reads XInput2 raw motion and raw button events of all master devices on its own X connection, one
+/// connection per capture, and turns each into a `PointerData` record.
+class XRawInputDriver final : public RawInputDriverBase {
+    COMMON_COM_CLASS(XRawInputDriver, common::ConcurrentRC, RawInputDriverBase);
+
+public:
+    XRawInputDriver();
+    /// Stops a running reader while the X part of the driver still exists.
+    ~XRawInputDriver() override;
+
+    void capturePointer(std::unique_ptr<Callback> callback) override;
+    void processInput() override;
+    void breakInputProcessing(uint64_t threadHandle) override;
+
+private:
+    class InputClient;
+    class EventData;
+
+    /// Value of valuator `index` of a raw event (`XIRawEvent`), 0.0 when the valuator is not set.
+    template <typename RawEvent>
+    static double rawValuator(const RawEvent& event, int index);
+    /// Prints a raw event (`XIRawEvent`) to standard output; a debugging aid, not called in normal operation.
+    template <typename RawEvent>
+    static void dumpRawEvent(const RawEvent& event);
+
+    /// The reader's client while it can take a stop request; guarded by `m_clientLock`.
+    InputClient* m_client = nullptr;
+    std::mutex m_clientLock;
+    /// Set by `breakInputProcessing`; a reader that has not published its client yet returns on it.
+    std::atomic<bool> m_stopRequested{false};
+};
+
+}  // namespace zel

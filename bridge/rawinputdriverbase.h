@@ -1,0 +1,41 @@
+// The logic every platform driver shares: one capture callback, one reader thread, the lock between them.
+#pragma once
+
+#include <uv.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "bridge/rawinputdriver.h"
+#include "common/com/comclass.h"
+#include "common/utils/criticalsection.h"
+
+namespace zel {
+
+/// A platform driver supplies `processInput` and `breakInputProcessing`; everything else lives here.
+class RawInputDriverBase : public RawInputDriver {
+    COMMON_COM_BASES(RawInputDriverBase, RawInputDriver);
+
+public:
+    void capturePointer(std::unique_ptr<Callback> callback) override;
+    void releasePointerCapture() override;
+    bool pointerCaptured() const override;
+
+protected:
+    RawInputDriverBase() = default;
+    /// Releases a running capture. The platform part is gone by then: owners release first.
+    ~RawInputDriverBase() override;
+
+    /// Hands one record to the callback under the lock, or drops it when no callback is installed.
+    void notifyPointerEvent(PointerData data);
+
+private:
+    static void threadEntry__(void* driver);
+
+    mutable common::threading::CriticalSection m_lock;
+    std::optional<uv_thread_t> m_thread;  ///< engaged while a reader thread exists
+    std::unique_ptr<Callback> m_callback;  ///< non-null exactly while the pointer is captured
+};
+
+}  // namespace zel
