@@ -2,8 +2,25 @@
 #include "common/diagnostics/log.h"
 
 #include <cstdio>
+#include <vector>
 
 namespace common::diagnostics {
+namespace {
+
+// Handlers replaced while they run on this thread (a handler that installs another one) are destroyed
+// when this thread's outermost write returns, not under their own feet.
+thread_local int t_writeDepth = 0;
+thread_local std::vector<std::unique_ptr<Log::Handler>> t_retiredHandlers;
+
+struct WriteScope {
+    WriteScope() { ++t_writeDepth; }
+    ~WriteScope() {
+        if (--t_writeDepth == 0 && !t_retiredHandlers.empty())
+            t_retiredHandlers.clear();
+    }
+};
+
+}  // namespace
 
 void Log::write(Level level, LogContext context, std::string message) {
     LogInternal::instance().write(level, context, message);
@@ -17,16 +34,20 @@ LogInternal& LogInternal::instance() {
 }
 
 void LogInternal::write(Log::Level level, const LogContext& context, const std::string& message) const {
-    if (m_handler)
-        m_handler->invoke(level, context, message.c_str());
+    if (!m_handler)
+        return;
+    WriteScope scope;
+    m_handler->invoke(level, context, message.c_str());
 }
 
 Log::Handler* LogInternal::setHandler(std::unique_ptr<Log::Handler> handler) {
+    if (t_writeDepth > 0 && m_handler)
+        t_retiredHandlers.push_back(std::move(m_handler));
     m_handler = std::move(handler);
     return m_handler.get();
 }
 
-void LogInternal::removeHandler(const void*) { m_handler.reset(); }
+void LogInternal::removeHandler(const void*) { setHandler(nullptr); }
 
 }  // namespace common::diagnostics
 
