@@ -1,0 +1,207 @@
+// Tests of the pure pieces of the X11 input code: valuators, version acceptance, masks, event tests.
+#include "bridge/platform/Linux/rawinputdriver-x11_internal.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+
+#include "bridge/rawinputdriver.h"
+
+namespace {
+
+using namespace common::zel_internal;
+using zel::ButtonEvent;
+using zel::MouseButton;
+using PointerData = zel::RawInputDriver::PointerData;
+
+TEST(RawValuatorTest, BothValuatorsSetAreTruncatedTowardZero) {
+    const unsigned char mask[1] = {0x03};
+    const double raw[2] = {2.7, -3.9};
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 0), 2.7);
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 1), -3.9);
+    EXPECT_EQ(truncateOffset(rawValuatorValue(mask, 1, raw, 0)), 2);
+    EXPECT_EQ(truncateOffset(rawValuatorValue(mask, 1, raw, 1)), -3);
+}
+
+TEST(RawValuatorTest, OnlyValuatorOneSetIsReadAtItsOwnPosition) {
+    // Only bit 1 is set; the value is taken at position 1 of the array (by valuator number, not compactly).
+    const unsigned char mask[1] = {0x02};
+    const double raw[2] = {11.0, 7.5};
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 0), 0.0);
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 1), 7.5);
+    EXPECT_EQ(truncateOffset(rawValuatorValue(mask, 1, raw, 0)), 0);
+    EXPECT_EQ(truncateOffset(rawValuatorValue(mask, 1, raw, 1)), 7);
+}
+
+TEST(RawValuatorTest, IndexBeyondTheMaskReadsZero) {
+    const unsigned char mask[1] = {0xff};
+    const double raw[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 7), 8.0);
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 8), 0.0);
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 0, raw, 0), 0.0);
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, -1), 0.0);
+}
+
+TEST(RawValuatorTest, ValuatorsInLaterMaskBytes) {
+    const unsigned char mask[2] = {0x00, 0x04};  // valuator 10
+    double raw[11] = {};
+    raw[10] = -42.25;
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 2, raw, 10), -42.25);
+    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 2, raw, 9), 0.0);
+}
+
+TEST(RawValuatorTest, FractionalMotionBelowOneIsLost) {
+    EXPECT_EQ(truncateOffset(0.99), 0);
+    EXPECT_EQ(truncateOffset(-0.99), 0);
+}
+
+TEST(RawValuatorTest, OutOfRangeValuesSaturate) {
+    EXPECT_EQ(truncateOffset(1e12), INT32_MAX);
+    EXPECT_EQ(truncateOffset(-1e12), INT32_MIN);
+    EXPECT_EQ(truncateOffset(std::numeric_limits<double>::quiet_NaN()), 0);
+    EXPECT_EQ(truncateOffset(std::numeric_limits<double>::infinity()), INT32_MAX);
+}
+
+TEST(XIVersionTest, VersionTwoOneIsAccepted) {
+    EXPECT_FALSE(xiVersionRefusal(0, 2, 1).has_value());
+}
+
+TEST(XIVersionTest, VersionTwoZeroIsRefusedWithTheVersions) {
+    const auto refusal = xiVersionRefusal(1, 2, 0);
+    ASSERT_TRUE(refusal.has_value());
+    EXPECT_EQ(*refusal, "Required XInputExtension ver. 2.1, but only ver. 2.0");
+    // The server may answer 2.0 with success as well: still refused.
+    EXPECT_EQ(xiVersionRefusal(0, 2, 0).value_or(""), "Required XInputExtension ver. 2.1, but only ver. 2.0");
+}
+
+TEST(XIVersionTest, OnlyExactlyTwoOneIsAccepted) {
+    EXPECT_EQ(xiVersionRefusal(0, 2, 2).value_or(""), "Required XInputExtension ver. 2.1, but only ver. 2.2");
+    EXPECT_EQ(xiVersionRefusal(0, 3, 1).value_or(""), "Required XInputExtension ver. 2.1, but only ver. 3.1");
+    EXPECT_EQ(xiVersionRefusal(1, 2, 1).value_or(""), "Required XInputExtension ver. 2.1, but only ver. 2.1");
+}
+
+TEST(ButtonMaskTest, ButtonsMapToTheirStateMaskBits) {
+    EXPECT_EQ(buttonStateMask(MouseButton::Left), 256u);
+    EXPECT_EQ(buttonStateMask(MouseButton::Middle), 512u);
+    EXPECT_EQ(buttonStateMask(MouseButton::Right), 1024u);
+}
+
+TEST(ButtonMaskTest, AnyOtherValueIsTheRightButton) {
+    EXPECT_EQ(buttonStateMask(static_cast<MouseButton>(5)), 1024u);
+    EXPECT_EQ(buttonStateMask(static_cast<MouseButton>(7)), 1024u);
+    EXPECT_EQ(buttonStateMask(static_cast<MouseButton>(-1)), 1024u);
+}
+
+TEST(EventMaskTest, RawEventsSetBitsFifteenToSeventeenOfFourBytes) {
+    unsigned char mask[kRawEventMaskLength];
+    for (auto& byte : mask)
+        byte = 0xaa;  // filling starts from zero
+    fillRawEventMask(mask);
+    EXPECT_EQ(kRawEventMaskLength, 4);
+    EXPECT_EQ(mask[0], 0x00);
+    EXPECT_EQ(mask[1], 0x80);  // bit 15
+    EXPECT_EQ(mask[2], 0x03);  // bits 16 and 17
+    EXPECT_EQ(mask[3], 0x00);
+    for (int bit = 0; bit < 32; ++bit)
+        EXPECT_EQ(eventMaskBit(mask, 4, bit), bit >= 15 && bit <= 17) << bit;
+}
+
+TEST(EventMaskTest, SetBitIsBitModEightOfByteDivEight) {
+    unsigned char mask[4] = {};
+    setEventMaskBit(mask, 0);
+    setEventMaskBit(mask, 9);
+    setEventMaskBit(mask, 31);
+    EXPECT_EQ(mask[0], 0x01);
+    EXPECT_EQ(mask[1], 0x02);
+    EXPECT_EQ(mask[2], 0x00);
+    EXPECT_EQ(mask[3], 0x80);
+}
+
+TEST(CloseEventTest, ClientMessageWithTheCloseAtomIsAStopRequest) {
+    EXPECT_TRUE(isCloseMessage(kClientMessage, 300, 300));
+}
+
+TEST(CloseEventTest, ClientMessageWithAnotherAtomIsNot) {
+    EXPECT_FALSE(isCloseMessage(kClientMessage, 301, 300));
+}
+
+TEST(CloseEventTest, OtherEventTypesAreNot) {
+    EXPECT_FALSE(isCloseMessage(kGenericEvent, 300, 300));
+    EXPECT_FALSE(isCloseMessage(2, 300, 300));
+}
+
+TEST(EventFilterTest, GenericEventsOrEventsOfTheExtensionAreAdmitted) {
+    EXPECT_TRUE(admitsInputEvent(kGenericEvent, 0, 131));
+    EXPECT_TRUE(admitsInputEvent(kGenericEvent, 131, 131));
+    EXPECT_TRUE(admitsInputEvent(kClientMessage, 131, 131));
+    EXPECT_FALSE(admitsInputEvent(kClientMessage, 0, 131));
+}
+
+TEST(EventFilterTest, OnlyRawButtonAndMotionEventsAreRead) {
+    EXPECT_TRUE(isRawPointerEvent(15));
+    EXPECT_TRUE(isRawPointerEvent(16));
+    EXPECT_TRUE(isRawPointerEvent(17));
+    EXPECT_FALSE(isRawPointerEvent(13));  // raw key press
+    EXPECT_FALSE(isRawPointerEvent(14));
+    EXPECT_FALSE(isRawPointerEvent(18));  // raw touch begin
+    EXPECT_FALSE(isRawPointerEvent(6));   // device motion
+}
+
+TEST(RawButtonTest, ButtonsOneToThreeSetLeftMiddleRight) {
+    PointerData data;
+    applyRawButton(data, kXIRawButtonPress, 1);
+    EXPECT_EQ(data.left, ButtonEvent::Pressed);
+    EXPECT_EQ(data.middle, ButtonEvent::None);
+    EXPECT_EQ(data.right, ButtonEvent::None);
+
+    PointerData middle;
+    applyRawButton(middle, kXIRawButtonRelease, 2);
+    EXPECT_EQ(middle.left, ButtonEvent::None);
+    EXPECT_EQ(middle.middle, ButtonEvent::Released);
+    EXPECT_EQ(middle.right, ButtonEvent::None);
+
+    PointerData right;
+    applyRawButton(right, kXIRawButtonPress, 3);
+    EXPECT_EQ(right.right, ButtonEvent::Pressed);
+    EXPECT_EQ(right.left, ButtonEvent::None);
+}
+
+TEST(RawButtonTest, WheelAndExtraButtonsSetNothing) {
+    for (int detail : {0, 4, 5, 6, 7, 8, 9}) {
+        PointerData data;
+        applyRawButton(data, kXIRawButtonPress, detail);
+        EXPECT_EQ(data.left, ButtonEvent::None) << detail;
+        EXPECT_EQ(data.middle, ButtonEvent::None) << detail;
+        EXPECT_EQ(data.right, ButtonEvent::None) << detail;
+        EXPECT_EQ(data.offset.x, 0);
+        EXPECT_EQ(data.screenPoint.y, 0);
+    }
+}
+
+TEST(PointerDataTest, StartsAllZeroAndSplitsIntoMotionAndButtons) {
+    PointerData data;
+    EXPECT_EQ(data.offset.x, 0);
+    EXPECT_EQ(data.offset.y, 0);
+    EXPECT_EQ(data.screenPoint.x, 0);
+    EXPECT_EQ(data.screenPoint.y, 0);
+    EXPECT_EQ(data.left, ButtonEvent::None);
+
+    data.offset = {5, -3};
+    data.screenPoint = {100, 200};
+    data.middle = ButtonEvent::Pressed;
+    const zel::MotionEventData motion = data.motion();
+    const zel::ButtonsEventData buttons = data.buttons();
+    EXPECT_EQ(motion.offset.x, 5);
+    EXPECT_EQ(motion.offset.y, -3);
+    EXPECT_EQ(motion.screenPoint.x, 100);
+    EXPECT_EQ(motion.screenPoint.y, 200);
+    EXPECT_EQ(buttons.left, ButtonEvent::None);
+    EXPECT_EQ(buttons.middle, ButtonEvent::Pressed);
+    EXPECT_EQ(buttons.right, ButtonEvent::None);
+    EXPECT_EQ(sizeof(PointerData), 28u);
+}
+
+}  // namespace

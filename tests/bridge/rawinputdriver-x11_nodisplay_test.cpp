@@ -1,0 +1,73 @@
+// The X11 driver and the button state query in a process without an X display. A program of its own: the
+// button query keeps the connection it opened first for the life of the process.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <thread>
+
+#include "bridge/platform/Linux/mousetool-linux.h"
+#include "bridge/rawinputdriver.h"
+#include "input_test_support.h"
+
+namespace {
+
+using namespace zel_test;
+using zel::MouseButton;
+using zel::RawInputDriver;
+
+class NoDisplayTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { ::unsetenv("DISPLAY"); }
+};
+
+TEST_F(NoDisplayTest, CaptureDeliversNothingAndLogsTheError) {
+    LogCollector log;
+    RecordCollector records;
+    auto driver = RawInputDriver::create();
+    driver->capturePointer(records.callback());
+
+    const auto error = log.waitFor("Fail to open X display");
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->level, 3);
+    EXPECT_EQ(error->function, "processInput");
+    EXPECT_EQ(error->file, "../bridge/platform/Linux/rawinputdriver-x11");
+    EXPECT_TRUE(driver->pointerCaptured());  // the reader ended by itself; the capture stays until released
+
+    Watchdog watchdog("release without a display", 30s);
+    driver->releasePointerCapture();
+    EXPECT_FALSE(driver->pointerCaptured());
+    EXPECT_EQ(records.size(), 0u);
+    EXPECT_EQ(log.count("Pointer capture released"), 1u);
+    EXPECT_EQ(log.countAtLevel(3), 1u);
+}
+
+TEST_F(NoDisplayTest, CaptureCanBeRepeated) {
+    LogCollector log;
+    RecordCollector records;
+    auto driver = RawInputDriver::create();
+    Watchdog watchdog("repeated captures without a display", 60s);
+    for (int round = 0; round < 20; ++round) {
+        driver->capturePointer(records.callback());
+        driver->releasePointerCapture();
+    }
+    EXPECT_EQ(records.size(), 0u);
+    EXPECT_EQ(log.count("Pointer capture released"), 20u);
+}
+
+TEST_F(NoDisplayTest, ButtonStateWarnsAndReportsFalse) {
+    LogCollector log;
+    EXPECT_FALSE(zel::MouseTool::getButtonState(MouseButton::Left));
+    EXPECT_FALSE(zel::MouseTool::getButtonState(MouseButton::Right));
+    EXPECT_FALSE(zel::MouseTool::getButtonState(static_cast<MouseButton>(7)));
+
+    const auto entries = log.entries();
+    ASSERT_EQ(entries.size(), 3u);
+    for (const auto& entry : entries) {
+        EXPECT_EQ(entry.level, 2);
+        EXPECT_EQ(entry.function, "getButtonState");
+        EXPECT_EQ(entry.file, "../bridge/platform/Linux/mousetool-linux");
+        EXPECT_NE(entry.message, "XQueryPointer returns False");
+    }
+}
+
+}  // namespace
