@@ -8,6 +8,7 @@
 #include <thread>
 #include <tuple>
 #include <utility>
+#include <vector>
 
 #include "bridge/component.h"
 #include "common/com/comclass.h"
@@ -54,16 +55,23 @@ class LogComponent final : public Component, private Tracked {
         writer.join();
     }
 
-    /// Writes `text` at `level` on the script thread with no context entered: the caller's entered context is
-    /// exited for the write and entered again afterwards.
+    /// Writes `text` at `level` on the script thread with no context entered: the entered contexts are exited
+    /// for the write (the host may have entered its main context more than once) and entered again afterwards.
     static void writeOutsideContext(int32_t level, std::string text) {
         v8::Isolate* isolate = v8::Isolate::GetCurrent();
         v8::HandleScope scope(isolate);
-        v8::Local<v8::Context> context = isolate->GetEnteredOrMicrotaskContext();
-        context->Exit();
+        std::vector<v8::Local<v8::Context>> exited;
+        while (isolate->InContext() && exited.size() < 16) {
+            v8::Local<v8::Context> context = isolate->GetEnteredOrMicrotaskContext();
+            if (context.IsEmpty())
+                break;
+            context->Exit();
+            exited.push_back(context);
+        }
         const bool inContext = isolate->InContext();
         writeEntry(level, inContext ? text + " (a context was still current)" : text);
-        context->Enter();
+        for (auto it = exited.rbegin(); it != exited.rend(); ++it)
+            (*it)->Enter();
     }
 
     /// Writes `text` at `level` from an event-loop timer callback that fires after the current script turn.

@@ -2,11 +2,14 @@
 // counting constructions, disposals and destructions of the wrapped objects.
 #include <v8.h>
 
+#include <string>
 #include <tuple>
+#include <utility>
 
 #include "bridge/component.h"
 #include "common/com/comclass.h"
 #include "common/com/comptr.h"
+#include "common/diagnostics/log.h"
 #include "common/meta/classinfo.h"
 #include "common/v8binding/v8binding.h"
 #include "tests/addon/testkit.h"
@@ -43,6 +46,7 @@ struct WrapperStats {
 namespace {
 WrapperStats g_stats;
 int32_t g_nextSerial = 1;
+std::string g_disposeMessage;  // logged at level Info by every disposal when not empty
 }  // namespace
 
 /// A wrapped object that script sees through its reflected methods.
@@ -77,6 +81,8 @@ class Gadget final : public IGadget, public common::js::V8WeakReferenceHolder, p
         ++g_stats.gadgetsDisposed;
         if (common::js::V8WeakReferenceHolder::inDestructor())
             ++g_stats.disposedInDestructor;
+        if (!g_disposeMessage.empty())
+            COMMON_LOG_AT(common::diagnostics::Log::Level::Info, kTestkitFile, 84, g_disposeMessage);
     }
 
 private:
@@ -133,6 +139,8 @@ class WrappersComponent final : public Component, private Tracked {
     void dropSharedGadget() { m_shared.release(); }
 
     static WrapperStats stats() { return g_stats; }
+    /// Every gadget disposal then writes `text` to the log at level Info (nothing when empty).
+    static void setDisposeMessage(std::string text) { g_disposeMessage = std::move(text); }
     /// Whether a weak callback of the binding is running on this thread.
     static bool inDestructor() { return common::js::V8WeakReferenceHolder::inDestructor(); }
 
@@ -148,6 +156,7 @@ class WrappersComponent final : public Component, private Tracked {
                                            createMethodInfo<&WrappersComponent::sharedGadget>("sharedGadget"),
                                            createMethodInfo<&WrappersComponent::dropSharedGadget>("dropSharedGadget"),
                                            createMethodInfo<&WrappersComponent::stats>("stats"),
+                                           createMethodInfo<&WrappersComponent::setDisposeMessage>("setDisposeMessage"),
                                            createMethodInfo<&WrappersComponent::inDestructor>("inDestructor")});
         }
     };
