@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <list>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -50,9 +51,17 @@ void markReleased(std::list<LiveComponent>& components) {
     }
 }
 
+// Isolates whose environment already has the cleanup hook below: the host refuses a second registration of
+// the same hook, and the entry runs again for every further load in the same environment.
+std::set<v8::Isolate*>& hookedIsolates() {
+    static std::set<v8::Isolate*> isolates;
+    return isolates;
+}
+
 // Releases the components of one isolate when its environment is torn down (process exit, Worker end).
 void releaseIsolateComponents(void* arg) {
     auto* isolate = static_cast<v8::Isolate*>(arg);
+    hookedIsolates().erase(isolate);
     std::list<LiveComponent> released;
     auto& components = liveComponents();
     for (auto it = components.begin(); it != components.end();) {
@@ -96,7 +105,8 @@ extern "C" NODE_MODULE_EXPORT void NODE_MODULE_INITIALIZER(v8::Local<v8::Object>
                                                            v8::Local<v8::Context> context) {
     v8::Isolate* isolate = v8::Isolate::GetCurrent();
     v8::HandleScope scope(isolate);
-    node::AddEnvironmentCleanupHook(isolate, &zel::releaseIsolateComponents, isolate);
+    if (zel::hookedIsolates().insert(isolate).second)
+        node::AddEnvironmentCleanupHook(isolate, &zel::releaseIsolateComponents, isolate);
     // A failing component leaves the earlier ones exported and alive; the failure reaches script as an
     // Error instead of unwinding into the host.
     try {
