@@ -1,0 +1,219 @@
+'use strict';
+// The module entry: exported components in registration order, "shutdown", second contexts (Workers and
+// repeated loads), a component whose factory throws, and methods called after "shutdown".
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const {
+  bridgePath, testkitPath, throwingPath, indexPath, runChild, describe, requireTestkit,
+} = require('./support');
+
+// The components of zelbridge.node in registration order. ZELBRIDGE_EXPECTED_COMPONENTS (comma separated)
+// overrides the list and makes the check strict.
+const EXPECTED_COMPONENTS = ['crash_emitter', 'diagnostics', 'hardware'];
+
+test('zelbridge.node exports exactly its components in registration order, then "shutdown"', (t) => {
+  const bridge = require(bridgePath);
+  const keys = Object.keys(bridge);
+  let components = EXPECTED_COMPONENTS;
+  if (process.env.ZELBRIDGE_EXPECTED_COMPONENTS) {
+    components = process.env.ZELBRIDGE_EXPECTED_COMPONENTS.split(',');
+  } else if (!keys.includes('hardware')) {
+    // Tolerated only while the hardware component is not part of the build yet.
+    components = components.filter((name) => name !== 'hardware');
+    t.diagnostic('zelbridge.node has no "hardware" component yet');
+  }
+  assert.deepEqual(keys, [...components, 'shutdown']);
+  assert.equal(typeof bridge.shutdown, 'function');
+  assert.equal(bridge.shutdown.name, 'shutdown');
+  assert.deepEqual(Object.keys(bridge.crash_emitter), ['emitAccessViolation', 'emitStackOverflow']);
+  assert.deepEqual(Object.keys(bridge.diagnostics), ['setLogHandler']);
+  if (keys.includes('hardware')) {
+    assert.deepEqual(Object.keys(bridge.hardware), ['capturePointer', 'getButtonState']);
+  }
+  for (const name of components) {
+    assert.equal(typeof bridge[name], 'object', name);
+    for (const method of Object.keys(bridge[name])) {
+      assert.equal(typeof bridge[name][method], 'function', `${name}.${method}`);
+      assert.equal(bridge[name][method].name, method);
+    }
+  }
+  // index.js loads the same module.
+  assert.equal(require(indexPath), bridge);
+});
+
+test('the testkit exports its components in source order, then "shutdown"', () => {
+  const result = runChild(`console.log(JSON.stringify(Object.keys(${requireTestkit})))`);
+  assert.equal(result.status, 0, describe(result));
+  assert.deepEqual(JSON.parse(result.stdout),
+    ['diagnostics', 'checks', 'binding', 'callbacks', 'wrappers', 'log', 'lifecycle', 'shutdown']);
+});
+
+test('"shutdown" twice releases each component once; the second call does nothing', () => {
+  const result = runChild(`
+    const kit = ${requireTestkit};
+    const loaded = kit.lifecycle.componentCounts();
+    const first = kit.shutdown();
+    const afterFirst = kit.lifecycle.componentCounts();
+    const second = kit.shutdown();
+    const afterSecond = kit.lifecycle.componentCounts();
+    console.log(JSON.stringify({ loaded, afterFirst, afterSecond, results: [first, second] }));
+  `);
+  assert.equal(result.status, 0, describe(result));
+  const { loaded, afterFirst, afterSecond, results } = JSON.parse(result.stdout);
+  assert.ok(loaded.constructed > 0);
+  assert.deepEqual(loaded, { constructed: loaded.constructed, destroyed: 0 });
+  assert.deepEqual(afterFirst, { constructed: loaded.constructed, destroyed: loaded.constructed });
+  assert.deepEqual(afterSecond, afterFirst);
+  assert.deepEqual(results, [null, null], 'shutdown returns undefined');
+});
+
+test('a second load in the same thread creates a second set; "shutdown" releases both', () => {
+  const result = runChild(`
+    const kit = ${requireTestkit};
+    const perLoad = kit.lifecycle.componentCounts().constructed;
+    const again = { exports: {} };
+    process.dlopen(again, ${JSON.stringify(testkitPath)});
+    const loadedTwice = kit.lifecycle.componentCounts();
+    again.exports.shutdown();
+    const afterShutdown = kit.lifecycle.componentCounts();
+    const errors = [];
+    for (const lifecycle of [kit.lifecycle, again.exports.lifecycle]) {
+      try { lifecycle.alive(); errors.push('alive'); } catch (error) { errors.push(error.message); }
+    }
+    console.log(JSON.stringify({ perLoad, loadedTwice, afterShutdown, errors, distinct: again.exports.lifecycle !== kit.lifecycle }));
+  `);
+  assert.equal(result.status, 0, describe(result));
+  const { perLoad, loadedTwice, afterShutdown, errors, distinct } = JSON.parse(result.stdout);
+  assert.ok(distinct);
+  assert.deepEqual(loadedTwice, { constructed: 2 * perLoad, destroyed: 0 });
+  assert.deepEqual(afterShutdown, { constructed: 2 * perLoad, destroyed: 2 * perLoad });
+  const released = 'Native object of (N3zel7testkit18LifecycleComponentE) has been released';
+  assert.deepEqual(errors, [released, released]);
+});
+
+// A child whose Worker loads the testkit too; `mainSteps` runs in the main thread once the worker has
+// loaded it, with `ask(message)` sending a message to the worker and resolving with its answer.
+function runWorkerChild(mainSteps) {
+  const result = runChild(`
+    const { Worker } = require('node:worker_threads');
+    const kit = ${requireTestkit};
+    const perLoad = kit.lifecycle.componentCounts().constructed;
+    const worker = new Worker(\`
+      const { parentPort } = require('node:worker_threads');
+      const kit = require(${JSON.stringify(testkitPath)});
+      parentPort.on('message', (message) => {
+        if (message === 'shutdown') kit.shutdown();
+        if (message === 'exit') { parentPort.close(); return; }
+        parentPort.postMessage(kit.lifecycle.componentCounts());
+      });
+      parentPort.postMessage(kit.lifecycle.componentCounts());
+    \`, { eval: true });
+    const answers = [];
+    worker.on('message', (message) => answers.shift()(message));
+    const next = () => new Promise((resolve) => answers.push(resolve));
+    const ask = (message) => { const answer = next(); worker.postMessage(message); return answer; };
+    const exited = new Promise((resolve) => worker.on('exit', resolve));
+    (async () => {
+      const workerLoaded = await next();
+      const out = { perLoad, workerLoaded };
+      ${mainSteps}
+      console.log(JSON.stringify(out));
+    })();
+  `);
+  assert.equal(result.status, 0, describe(result));
+  return JSON.parse(result.stdout);
+}
+
+test('a Worker gets its own set of components; "shutdown" in the Worker releases both sets', () => {
+  const out = runWorkerChild(`
+    out.worker = await ask('shutdown');
+    out.main = kit.lifecycle.componentCounts();
+    worker.postMessage('exit');
+    await exited;
+    out.afterExit = kit.lifecycle.componentCounts();
+  `);
+  const p = out.perLoad;
+  assert.ok(p > 0);
+  assert.deepEqual(out.workerLoaded, { constructed: 2 * p, destroyed: 0 });
+  assert.deepEqual(out.worker, { constructed: 2 * p, destroyed: 2 * p });
+  assert.deepEqual(out.main, out.worker);
+  assert.deepEqual(out.afterExit, out.worker, 'nothing is released twice');
+});
+
+test('"shutdown" in the main thread releases the Worker\'s set too', () => {
+  const out = runWorkerChild(`
+    kit.shutdown();
+    out.main = kit.lifecycle.componentCounts();
+    out.worker = await ask('report');
+    try { kit.lifecycle.alive(); out.alive = 'alive'; } catch (error) { out.alive = error.message; }
+    worker.postMessage('exit');
+    await exited;
+    out.afterExit = kit.lifecycle.componentCounts();
+  `);
+  const p = out.perLoad;
+  assert.deepEqual(out.workerLoaded, { constructed: 2 * p, destroyed: 0 });
+  assert.deepEqual(out.main, { constructed: 2 * p, destroyed: 2 * p });
+  assert.deepEqual(out.worker, out.main);
+  assert.equal(out.alive, 'Native object of (N3zel7testkit18LifecycleComponentE) has been released');
+  assert.deepEqual(out.afterExit, out.main);
+});
+
+test('a Worker that ends releases its own components and leaves the main thread\'s alive', () => {
+  const out = runWorkerChild(`
+    worker.postMessage('exit');
+    await exited;
+    out.afterExit = kit.lifecycle.componentCounts();
+    out.alive = kit.lifecycle.alive();
+    kit.shutdown();
+    out.afterShutdown = kit.lifecycle.componentCounts();
+  `);
+  const p = out.perLoad;
+  assert.deepEqual(out.afterExit, { constructed: 2 * p, destroyed: p });
+  assert.equal(out.alive, true);
+  assert.deepEqual(out.afterShutdown, { constructed: 2 * p, destroyed: 2 * p });
+});
+
+test('a component whose factory throws stops the entry there: earlier components stay, no "shutdown"', () => {
+  const loaded = { exports: {} };
+  assert.throws(() => process.dlopen(loaded, throwingPath), (error) => {
+    assert.ok(error instanceof Error);
+    assert.equal(error.message, 'The second component cannot start');
+    return true;
+  });
+  assert.deepEqual(Object.keys(loaded.exports), ['first']);
+  assert.equal('shutdown' in loaded.exports, false);
+  // The first component is alive and usable; the third was never attempted.
+  assert.equal(loaded.exports.first.alive(), true);
+  assert.equal(loaded.exports.first.attempts(), 'first,second');
+});
+
+test('component methods called after "shutdown" throw instead of touching released objects', () => {
+  const result = runChild(`
+    const bridge = require(${JSON.stringify(bridgePath)});
+    bridge.shutdown();
+    const messages = [];
+    for (const call of [
+      () => bridge.crash_emitter.emitAccessViolation(),
+      () => bridge.crash_emitter.emitStackOverflow(),
+      () => bridge.diagnostics.setLogHandler(() => {}),
+      () => bridge.hardware && bridge.hardware.getButtonState(0),
+      () => bridge.hardware && bridge.hardware.capturePointer(),
+    ]) {
+      try { call(); messages.push('returned'); } catch (error) { messages.push(error.message); }
+    }
+    bridge.shutdown();
+    console.log(JSON.stringify({ messages, hardware: 'hardware' in bridge }));
+  `);
+  assert.equal(result.status, 0, describe(result));
+  const { messages, hardware } = JSON.parse(result.stdout);
+  const released = 'Native object of (N3zel12CrashEmitterE) has been released';
+  assert.equal(messages[0], released);
+  assert.equal(messages[1], released);
+  assert.equal(messages[2], 'The diagnostics component has been shut down');
+  if (hardware) {
+    assert.match(messages[3], /^Native object of \(N3zel\w+E\) has been released$/);
+    assert.match(messages[4], /^Native object of \(N3zel\w+E\) has been released$/);
+  } else {
+    assert.deepEqual(messages.slice(3), ['returned', 'returned']);
+  }
+});
