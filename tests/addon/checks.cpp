@@ -98,7 +98,11 @@ void record(const SourceInfo& source, const char* reserved, const char* expressi
 
 // Prints the faulting address, then lets the fault repeat with the default action (SA_RESETHAND).
 void faultAddressHandler(int, siginfo_t* info, void*) {
-    char text[64] = "fault address: 0x";
+    static constexpr char kPrefix[] = "fault address: 0x";
+    char text[64] = {};
+    size_t length = 0;
+    for (; length + 1 < sizeof(kPrefix); ++length)
+        text[length] = kPrefix[length];
     const char digits[] = "0123456789abcdef";
     auto address = reinterpret_cast<uintptr_t>(info->si_addr);
     char hex[2 * sizeof(uintptr_t)];
@@ -107,7 +111,6 @@ void faultAddressHandler(int, siginfo_t* info, void*) {
         hex[count++] = digits[address & 0xF];
         address >>= 4;
     } while (address != 0);
-    size_t length = 18;
     while (count > 0)
         text[length++] = hex[--count];
     text[length++] = '\n';
