@@ -83,7 +83,7 @@ v8::Local<v8::Value> toValue(v8::Isolate* isolate, const R& record) {
     v8::Local<v8::Object> object = v8::Object::New(isolate);
     std::apply(
         [&](const auto&... fields) {
-            ((void)object->Set(context, toValue(isolate, fields.name()), toValue(isolate, fields.value())), ...);
+            ((void)object->Set(context, toValue(isolate, fields.name()), toValue(isolate, fields.value())).IsJust(), ...);
         },
         meta::classFields(record));
     return object;

@@ -1,0 +1,180 @@
+// The pointer capture: records queued on the reader thread, handed to the script thread by a libuv async
+// handle, delivered to the script callbacks in arrival order.
+#include "bridge/pointercapture.h"
+
+#include <node.h>
+#include <uv.h>
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "common/com/comclass.h"
+#include "common/diagnostics/log.h"
+#include "common/utils/criticalsection.h"
+#include "common/v8binding/v8binding.h"
+
+namespace zel {
+namespace {
+
+constexpr const char* kFile = "../bridge/pointercapture";
+using Level = common::diagnostics::Log::Level;
+using PointerData = RawInputDriver::PointerData;
+
+bool hasMotion(const PointerData& record) { return record.offset.x != 0 || record.offset.y != 0; }
+
+bool hasButtons(const PointerData& record) {
+    return record.left != ButtonEvent::None || record.middle != ButtonEvent::None || record.right != ButtonEvent::None;
+}
+
+}  // namespace
+
+class PointerCaptureImpl final : public PointerCapture, public common::js::V8WeakReferenceHolder {
+    COMMON_COM_CLASS(PointerCaptureImpl, common::StrictSingleThreadRC, PointerCapture,
+                     common::js::V8WeakReferenceHolder)
+
+    explicit PointerCaptureImpl(common::ComPtr<RawInputDriver> driver);
+    ~PointerCaptureImpl() override;
+
+    void setButtonsEventCallback(std::unique_ptr<ButtonsCallback> callback) override;
+    void setMotionEventCallback(std::unique_ptr<MotionCallback> callback) override;
+    void startCapturing() override;
+    void stopCapturing() override;
+
+private:
+    static void onAsync(uv_async_t* handle);
+    static void onEnvironmentCleanup(void* self);
+    void deliver();
+    void releasePointerCapture();
+
+    common::ComPtr<RawInputDriver> m_driver;
+    uv_async_t* m_async = nullptr;
+    std::unique_ptr<ButtonsCallback> m_buttonsCallback;
+    std::unique_ptr<MotionCallback> m_motionCallback;
+    common::threading::CriticalSection m_lock;
+    std::vector<PointerData> m_queue;  ///< guarded by m_lock
+
+    // Script-thread state: the context callbacks run in, and the buffer the queue is swapped into
+    // (both buffers keep their capacity, so a steady stream allocates nothing per record).
+    v8::Isolate* m_isolate = nullptr;
+    v8::Global<v8::Context> m_context;
+    std::vector<PointerData> m_delivering;
+};
+
+common::ComPtr<PointerCapture> PointerCapture::create(common::ComPtr<RawInputDriver> driver) {
+    return common::com::createInstance<PointerCaptureImpl, PointerCapture>(std::move(driver));
+}
+
+PointerCaptureImpl::PointerCaptureImpl(common::ComPtr<RawInputDriver> driver) : m_driver(std::move(driver)) {
+    COMMON_LOG_AT(Level::Info, kFile, 20, "Native: capture pointer");
+    m_isolate = v8::Isolate::GetCurrent();
+    uv_loop_t* loop = m_isolate ? node::GetCurrentEventLoop(m_isolate) : nullptr;
+    if (!loop) {
+        COMMON_LOG_AT(Level::Error, kFile, __LINE__, "No event loop to deliver pointer records on");
+        m_driver.release();
+        return;
+    }
+    m_context.Reset(m_isolate, m_isolate->GetCurrentContext());
+    m_async = new uv_async_t();
+    m_async->data = this;
+    if (const int result = uv_async_init(loop, m_async, &PointerCaptureImpl::onAsync); result != 0) {
+        // Without a wake-up the records could never be delivered: the capture stays inert.
+        COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Fail to initialize pointer capture wake-up (error {0})", result);
+        delete std::exchange(m_async, nullptr);
+        m_driver.release();
+        return;
+    }
+    // The handle keeps the process alive only while this object captures.
+    uv_unref(reinterpret_cast<uv_handle_t*>(m_async));
+    // Stop the reader and close the handle before the environment (and its loop) goes away.
+    node::AddEnvironmentCleanupHook(m_isolate, &PointerCaptureImpl::onEnvironmentCleanup, this);
+}
+
+PointerCaptureImpl::~PointerCaptureImpl() {
+    if (m_async)
+        node::RemoveEnvironmentCleanupHook(m_isolate, &PointerCaptureImpl::onEnvironmentCleanup, this);
+    releasePointerCapture();
+}
+
+void PointerCaptureImpl::onEnvironmentCleanup(void* self) {
+    static_cast<PointerCaptureImpl*>(self)->releasePointerCapture();
+}
+
+void PointerCaptureImpl::releasePointerCapture() {
+    if (m_driver) {
+        m_driver->releasePointerCapture();
+        m_driver.release();
+    }
+    if (m_async) {
+        uv_async_t* handle = std::exchange(m_async, nullptr);
+        handle->data = nullptr;
+        uv_close(reinterpret_cast<uv_handle_t*>(handle),
+                 [](uv_handle_t* closed) { delete reinterpret_cast<uv_async_t*>(closed); });
+    }
+}
+
+void PointerCaptureImpl::setButtonsEventCallback(std::unique_ptr<ButtonsCallback> callback) {
+    std::lock_guard<common::threading::CriticalSection> lock(m_lock);
+    COMMON_CHECK_AT(kFile, 70, !m_buttonsCallback, "Pointer capture buttons callback already set.");
+    if (!m_buttonsCallback)
+        m_buttonsCallback = std::move(callback);
+}
+
+void PointerCaptureImpl::setMotionEventCallback(std::unique_ptr<MotionCallback> callback) {
+    std::lock_guard<common::threading::CriticalSection> lock(m_lock);
+    COMMON_CHECK_AT(kFile, 78, !m_motionCallback, "Pointer capture motion callback already set.");
+    if (!m_motionCallback)
+        m_motionCallback = std::move(callback);
+}
+
+void PointerCaptureImpl::startCapturing() {
+    if (!m_driver || m_driver->pointerCaptured())
+        return;
+    // Runs on the reader thread, inside the driver's lock; the send happens while m_lock is held.
+    m_driver->capturePointer(RawInputDriver::Callback::makeUnique([this](PointerData record) {
+        std::lock_guard<common::threading::CriticalSection> lock(m_lock);
+        m_queue.push_back(record);
+        uv_async_send(m_async);
+    }));
+    uv_ref(reinterpret_cast<uv_handle_t*>(m_async));
+}
+
+void PointerCaptureImpl::stopCapturing() {
+    if (!m_driver || !m_driver->pointerCaptured())
+        return;
+    m_driver->releasePointerCapture();
+    uv_unref(reinterpret_cast<uv_handle_t*>(m_async));
+}
+
+void PointerCaptureImpl::onAsync(uv_async_t* handle) {
+    auto* self = static_cast<PointerCaptureImpl*>(handle->data);
+    if (!self)
+        return;
+    // A collection during a callback may drop the wrapper's reference: keep the object alive meanwhile.
+    common::ComPtr<PointerCaptureImpl> keepAlive;
+    keepAlive.acquire(self);
+    self->deliver();
+}
+
+void PointerCaptureImpl::deliver() {
+    m_delivering.clear();
+    {
+        std::lock_guard<common::threading::CriticalSection> lock(m_lock);
+        std::swap(m_queue, m_delivering);
+    }
+    if (m_delivering.empty() || (!m_motionCallback && !m_buttonsCallback))
+        return;
+    v8::HandleScope handleScope(m_isolate);
+    v8::Local<v8::Context> context = m_context.Get(m_isolate);
+    v8::Context::Scope contextScope(context);
+    // Runs queued microtasks and ticks after the callbacks, as for any other callback from the loop.
+    node::CallbackScope callbackScope(m_isolate, v8::Object::New(m_isolate), node::async_context{0, 0});
+    for (const PointerData& record : m_delivering) {
+        if (m_motionCallback && hasMotion(record))
+            m_motionCallback->invoke(record.motion());
+        if (m_buttonsCallback && hasButtons(record))
+            m_buttonsCallback->invoke(record.buttons());
+    }
+}
+
+}  // namespace zel
