@@ -31,12 +31,17 @@ void formatValue(std::ostream& out, const void* value) { out << value; }
 namespace common::zel_internal {
 namespace {
 
+// Precisions beyond this are refused: a stray "f.999999999" must not make one message gigabytes long.
+constexpr int kMaxFixedPrecision = 1000;
+
 // A fixed-point specifier ("f.3", "fp3"): the precision starts at the token's third character.
 struct FFixedFormatting {
     explicit FFixedFormatting(std::string_view token) {
         if (token.size() <= 2)
             COMMON_THROW_AT("../common/utils/format", 113, "Bad format");
         precision = std::stoi(std::string(token.substr(2)));
+        if (precision > kMaxFixedPrecision)
+            COMMON_THROW_AT("../common/utils/format", __LINE__, "Bad format");
     }
     int precision = 0;
 };
