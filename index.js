@@ -5,7 +5,7 @@ const path = require('path');
 
 function modulePath() {
   const candidates = [];
-  if (process.env.ZELBRIDGE_BUILD_DIR) candidates.push(process.env.ZELBRIDGE_BUILD_DIR);
+  if (process.env.ZELBRIDGE_BUILD_DIR) candidates.push(path.resolve(process.env.ZELBRIDGE_BUILD_DIR));
   candidates.push(path.join(__dirname, 'build', 'default'), path.join(__dirname, 'build', 'release'));
   for (const dir of candidates) {
     const file = path.join(dir, 'zelbridge.node');
