@@ -1,0 +1,312 @@
+'use strict';
+// Runs every benchmark against the X display in $DISPLAY, prints one table and writes it as Markdown.
+//
+//   node bench/run.js [--out FILE] [--quick]
+//
+// --quick shortens every run (for trying the harness; its figures are not the documented ones).
+const fs = require('node:fs');
+const os = require('node:os');
+const path = require('node:path');
+const { execFileSync, spawn } = require('node:child_process');
+const lib = require('./lib');
+
+const { paths } = lib;
+const args = process.argv.slice(2);
+const quick = args.includes('--quick');
+const outIndex = args.indexOf('--out');
+const outFile = outIndex >= 0 ? path.resolve(args[outIndex + 1]) : path.join(__dirname, 'results.md');
+
+const sizes = quick
+  ? { latencyMoves: 500, latencyRounds: 1, burst: 20000, sustainedMoves: 16000, idleMs: 2000 }
+  : { latencyMoves: 2000, latencyRounds: 3, burst: 100000, sustainedMoves: 80000, idleMs: 10000 };
+const sustainedRate = 8000;
+const warmUp = 200;
+
+function log(text) {
+  process.stderr.write(`bench: ${text}\n`);
+}
+
+/** Runs `node [flags] bench/pointer_bench.js ...args` and returns its JSON result. */
+function pointerBench(...benchArgs) {
+  return new Promise((resolve, reject) => {
+    const child = spawn(process.execPath, ['--expose-gc', path.join(__dirname, 'pointer_bench.js'), ...benchArgs.map(String)],
+      { stdio: ['ignore', 'pipe', 'inherit'] });
+    let out = '';
+    child.stdout.on('data', (chunk) => { out += chunk; });
+    child.on('error', reject);
+    child.on('exit', (code) => {
+      if (code !== 0) reject(new Error(`pointer_bench ${benchArgs.join(' ')} failed (${code})`));
+      else resolve(JSON.parse(out.trim().split('\n').pop()));
+    });
+  });
+}
+
+// ---- the reference reader ----
+
+async function referenceLatency(measured) {
+  const total = warmUp + measured;
+  const dir = lib.scratchDir('ref-latency');
+  const reader = await lib.startReader(total, `${dir}/read.txt`, 60000);
+  await lib.run(paths.xinject, ['-t', 'move', '1', '0', '-n', String(total), '-r', '1000'], { stdoutFile: `${dir}/sent.txt` });
+  await reader.done();
+  const sent = lib.readSendTimes(`${dir}/sent.txt`);
+  const motions = lib.readReaderMotions(`${dir}/read.txt`);
+  const latencies = [];
+  for (let i = warmUp; i < Math.min(sent.length, motions.length); ++i) latencies.push(Number(motions[i].t - sent[i]));
+  const wrongOffsets = motions.filter((m) => m.dx !== 1 || m.dy !== 0).length;
+  return { sent: sent.length, delivered: motions.length, lost: sent.length - motions.length, wrongOffsets, latencies };
+}
+
+async function referenceThroughput(total) {
+  const pattern = lib.movePattern(total);
+  const dir = lib.scratchDir('ref-throughput');
+  const reader = await lib.startReader(total, `${dir}/read.txt`, 120000);
+  await lib.run(paths.xinject, ['script'], { input: pattern.script });
+  const { maxRssKiB } = await reader.done();
+  const motions = lib.readReaderMotions(`${dir}/read.txt`);
+  let mismatches = 0;
+  motions.forEach((m, i) => {
+    const [dx, dy] = pattern.expected(i);
+    if (m.dx !== dx || m.dy !== dy) mismatches++;
+  });
+  const seconds = motions.length > 1 ? Number(motions[motions.length - 1].t - motions[0].t) / 1e9 : 0;
+  return {
+    sent: total,
+    delivered: motions.length,
+    lost: total - motions.length,
+    mismatches,
+    seconds,
+    recordsPerSecond: motions.length > 1 ? (motions.length - 1) / seconds : 0,
+    maxRssKiB,
+  };
+}
+
+async function referenceSustained(total, rate) {
+  const dir = lib.scratchDir('ref-sustained');
+  const reader = await lib.startReader(total, `${dir}/read.txt`, 120000);
+  await lib.run(paths.xinject, ['move', '1', '0', '-n', String(total), '-r', String(rate)]);
+  const { cpuMs } = await reader.done();
+  const motions = lib.readReaderMotions(`${dir}/read.txt`);
+  const wallMs = motions.length > 1 ? Number(motions[motions.length - 1].t - motions[0].t) / 1e6 : NaN;
+  return { sent: total, delivered: motions.length, lost: total - motions.length, cpuMs, wallMs, processShare: cpuMs / wallMs };
+}
+
+// ---- microbenchmarks ----
+
+function runProgram(file, programArgs) {
+  try {
+    return execFileSync(file, programArgs, { encoding: 'utf8', stdio: ['ignore', 'pipe', 'ignore'] });
+  } catch (error) {
+    return error.stdout || '';
+  }
+}
+
+function formatBench() {
+  const out = runProgram(paths.formatBench, ['--benchmark_filter=^$']);
+  const ns = (label) => {
+    const m = new RegExp(`${label}\\S*\\s+([\\d.]+) ns/call`).exec(out);
+    return m ? Number(m[1]) : NaN;
+  };
+  return { format: ns('format\\("'), stream: ns('hand-written ostringstream'), output: out };
+}
+
+/** The "... ratio   N" lines of the object model benchmark's summary, when that benchmark is built. */
+function comBench() {
+  if (!fs.existsSync(paths.comBench)) return null;
+  const out = runProgram(paths.comBench, ['--benchmark_filter=^$']);
+  const ratios = [];
+  for (const line of out.split('\n')) {
+    const m = /^\s*(.*\bratio\b.*?)\s+([\d.]+)\s*$/.exec(line);
+    if (m) ratios.push({ name: m[1].trim(), ratio: Number(m[2]) });
+  }
+  return { ratios, output: out };
+}
+
+function callBench() {
+  const out = execFileSync(process.execPath, [path.join(__dirname, 'call_bench.js'), ...(quick ? ['--quick'] : [])],
+    { encoding: 'utf8' });
+  return JSON.parse(out.trim().split('\n').pop());
+}
+
+// ---- the table ----
+
+const fmt = {
+  us: (v) => (Number.isFinite(v) ? `${v.toFixed(1)} µs` : 'n/a'),
+  ns: (v) => (Number.isFinite(v) ? `${v.toFixed(1)} ns` : 'n/a'),
+  ms: (v) => (Number.isFinite(v) ? `${v.toFixed(1)} ms` : 'n/a'),
+  pct: (v) => (Number.isFinite(v) ? `${(v * 100).toFixed(1)} %` : 'n/a'),
+  rate: (v) => (Number.isFinite(v) ? `${Math.round(v).toLocaleString('en-US')} /s` : 'n/a'),
+  kib: (v) => (Number.isFinite(v) ? `${(v / 1024).toFixed(1)} KiB` : 'n/a'),
+  mib: (v) => (Number.isFinite(v) ? `${(v / 1048576).toFixed(1)} MiB` : 'n/a'),
+  ratio: (v) => (Number.isFinite(v) ? v.toFixed(2) : '—'),
+};
+
+function row(figure, ours, reference, ratio, target, met) {
+  return { figure, ours, reference: reference ?? '—', ratio: ratio ?? '—', target: target ?? '—', met: met ?? '—' };
+}
+
+const yesNo = (ok) => (ok ? 'yes' : '**no**');
+
+function renderText(rows) {
+  const headers = ['figure', 'ours', 'reference', 'ratio', 'target', 'met?'];
+  const cells = rows.map((r) => [r.figure, r.ours, r.reference, r.ratio, r.target, r.met.replace(/\*/g, '')]);
+  const widths = headers.map((h, i) => Math.max(h.length, ...cells.map((c) => c[i].length)));
+  const line = (c) => c.map((v, i) => v.padEnd(widths[i])).join('  ');
+  return [line(headers), line(widths.map((w) => '-'.repeat(w))), ...cells.map(line)].join('\n');
+}
+
+function renderMarkdown(rows) {
+  const esc = (v) => v.replace(/\|/g, '\\|');
+  return [
+    '| figure | ours | reference | ratio | target | met? |',
+    '|---|---:|---:|---:|---|---|',
+    ...rows.map((r) => `| ${esc(r.figure)} | ${esc(r.ours)} | ${esc(r.reference)} | ${r.ratio} | ${esc(r.target)} | ${r.met} |`),
+  ].join('\n');
+}
+
+function cpuModel() {
+  const m = /^model name\s*:\s*(.*)$/m.exec(fs.readFileSync('/proc/cpuinfo', 'utf8'));
+  return m ? m[1].trim() : 'unknown';
+}
+
+async function main() {
+  for (const [name, file] of Object.entries(paths)) {
+    if (name !== 'comBench' && !fs.existsSync(file)) throw new Error(`${file} is missing: build the "release" preset first`);
+  }
+  if (!process.env.DISPLAY) throw new Error('DISPLAY is not set');
+  const started = new Date();
+  const loadBefore = os.loadavg();
+  const results = {};
+
+  log(`latency: ${sizes.latencyRounds} rounds of ${sizes.latencyMoves} moves at 1 kHz, ours then xreader`);
+  const oursLatency = [];
+  const refLatency = [];
+  for (let r = 0; r < sizes.latencyRounds; ++r) {
+    oursLatency.push(await pointerBench('latency', sizes.latencyMoves));
+    refLatency.push(await referenceLatency(sizes.latencyMoves));
+  }
+  const pool = (runs) => {
+    const latencies = runs.flatMap((run) => run.latencies);
+    return {
+      ...lib.latencyStats(latencies),
+      sent: runs.reduce((s, run) => s + run.sent, 0),
+      lost: runs.reduce((s, run) => s + run.lost, 0),
+      wrongOffsets: runs.reduce((s, run) => s + run.wrongOffsets, 0),
+      rounds: runs.map((run) => lib.latencyStats(run.latencies)),
+    };
+  };
+  results.latency = { ours: pool(oursLatency), reference: pool(refLatency) };
+
+  log(`throughput: ${sizes.burst} moves back to back, ours then xreader`);
+  results.throughput = { ours: await pointerBench('throughput', sizes.burst), reference: await referenceThroughput(sizes.burst) };
+
+  log(`sustained: ${sizes.sustainedMoves} moves at ${sustainedRate}/s, ours then xreader`);
+  results.sustained = {
+    ours: await pointerBench('sustained', sizes.sustainedMoves, sustainedRate),
+    reference: await referenceSustained(sizes.sustainedMoves, sustainedRate),
+  };
+
+  log(`idle: ${sizes.idleMs} ms, capturing and baseline side by side`);
+  const [idleCapture, idleBaseline] = await Promise.all([
+    pointerBench('idle', 'capture', sizes.idleMs),
+    pointerBench('idle', 'baseline', sizes.idleMs),
+  ]);
+  results.idle = { capture: idleCapture, baseline: idleBaseline };
+
+  log('microbenchmarks: format, object model, call overhead');
+  results.format = formatBench();
+  results.com = comBench();
+  results.calls = callBench();
+
+  // ---- rows ----
+  const rows = [];
+  const L = results.latency;
+  const lostNote = (x) => `${x.lost} of ${x.sent}`;
+  rows.push(row(`latency p50 (${L.ours.count} moves at 1 kHz)`, fmt.us(L.ours.p50), fmt.us(L.reference.p50),
+    fmt.ratio(L.ours.p50 / L.reference.p50), 'ratio ≤ 1.5', yesNo(L.ours.p50 / L.reference.p50 <= 1.5)));
+  rows.push(row('latency p99', fmt.us(L.ours.p99), fmt.us(L.reference.p99), fmt.ratio(L.ours.p99 / L.reference.p99),
+    'ratio ≤ 2.0', yesNo(L.ours.p99 / L.reference.p99 <= 2.0)));
+  rows.push(row('latency max', fmt.us(L.ours.max), fmt.us(L.reference.max), fmt.ratio(L.ours.max / L.reference.max)));
+  rows.push(row('latency: records lost', lostNote(L.ours), lostNote(L.reference), null, 'none',
+    yesNo(L.ours.lost === 0 && L.ours.wrongOffsets === 0)));
+
+  const T = results.throughput;
+  const tRatio = T.ours.recordsPerSecond / T.reference.recordsPerSecond;
+  rows.push(row(`throughput: ${T.ours.sent} moves back to back`, fmt.rate(T.ours.recordsPerSecond),
+    fmt.rate(T.reference.recordsPerSecond), fmt.ratio(tRatio), 'ratio ≥ 0.8', yesNo(tRatio >= 0.8)));
+  const inOrder = (x) => `${x.delivered} delivered, ${x.mismatches} out of order`;
+  rows.push(row('throughput: every record, in order', inOrder(T.ours), inOrder(T.reference), null, 'all, in order',
+    yesNo(T.ours.lost === 0 && T.ours.mismatches === 0)));
+
+  const S = results.sustained;
+  rows.push(row(`sustained ${sustainedRate / 1000} kHz for ${(sizes.sustainedMoves / sustainedRate).toFixed(0)} s: records lost`,
+    lostNote(S.ours), lostNote(S.reference), null, 'none', yesNo(S.ours.lost === 0 && S.ours.wrongOffsets === 0)));
+  rows.push(row('sustained: script thread CPU share', fmt.pct(S.ours.mainShare)));
+  rows.push(row('sustained: reader thread CPU share', fmt.pct(S.ours.readerShare)));
+  rows.push(row('sustained: process CPU share (all threads)', fmt.pct(S.ours.processShare), fmt.pct(S.reference.processShare),
+    fmt.ratio(S.ours.processShare / S.reference.processShare)));
+
+  const I = results.idle;
+  const idleCost = I.capture.processCpuMs - I.baseline.processCpuMs;
+  rows.push(row(`idle: CPU over ${sizes.idleMs / 1000} s capturing, less baseline`,
+    `${fmt.ms(idleCost)} (${fmt.ms(I.capture.processCpuMs)} − ${fmt.ms(I.baseline.processCpuMs)})`, null, null, '≤ 10 ms',
+    yesNo(idleCost <= 10)));
+
+  const TO = T.ours;
+  rows.push(row(`memory: C heap after the ${TO.sent}-record run, capture stopped`, fmt.kib(TO.mallocGrowth), null, null,
+    '≤ 64 KiB', yesNo(TO.mallocGrowth <= 64 * 1024)));
+  rows.push(row('memory: resident growth after a forced collection, capture stopped', fmt.mib(TO.rssGrowth), null, null,
+    '≤ 8 MiB', yesNo(TO.rssGrowth <= 8 * 1048576)));
+  rows.push(row('memory: C heap still held while capturing, after the burst (X event queue)',
+    fmt.mib(TO.mallocHeldWhileCapturing), null, null, null, null));
+  rows.push(row('memory: peak resident growth during the burst', fmt.mib(TO.peakRssGrowth),
+    Number.isFinite(T.reference.maxRssKiB) ? `${fmt.mib(T.reference.maxRssKiB * 1024)} peak in total` : null));
+
+  const F = results.format;
+  rows.push(row('format("{0}({1}):{2}") vs ostringstream', fmt.ns(F.format), fmt.ns(F.stream), fmt.ratio(F.format / F.stream)));
+  if (results.com) {
+    for (const r of results.com.ratios) rows.push(row(`object model: ${r.name}`, '', null, fmt.ratio(r.ratio)));
+    if (results.com.ratios.length === 0) rows.push(row('object model (com_bench)', 'no ratio printed'));
+  } else {
+    rows.push(row('object model (com_bench)', 'not built: skipped'));
+  }
+  const C = results.calls;
+  const callRow = (figure, c) => row(figure, fmt.ns(c.ours), fmt.ns(c.ref), fmt.ratio(c.ratio), 'ratio ≤ 1.0', yesNo(c.ratio <= 1.0));
+  rows.push(callRow('call: no-op method (vs ObjectWrap method)', C.noopMethod));
+  rows.push(callRow('call: no-op function (vs Napi::Function)', C.noopFunction));
+  rows.push(callRow('call: method taking a MotionEventData', C.takeRecord));
+  rows.push(callRow('delivery: one MotionEventData to a callback, per record', C.deliverRecord));
+
+  const text = renderText(rows);
+  process.stdout.write(`\n${text}\n`);
+
+  const md = [
+    '# Benchmark results',
+    '',
+    `- date: ${started.toISOString()}`,
+    `- CPU: ${cpuModel()} (${os.cpus().length} cores)`,
+    `- node ${process.version}, ${os.type()} ${os.release()}`,
+    `- load average at the start: ${loadBefore.map((v) => v.toFixed(2)).join(', ')}`,
+    quick ? '- **quick run**: shortened runs, not the documented sizes' : null,
+    '',
+    'Reference: `tools/xreader` for the pointer figures (same Xvfb, same injector, run right after ours);',
+    'node-addon-api for the calls; a hand-written `std::ostringstream` for the formatter. See bench/README.md.',
+    '',
+    renderMarkdown(rows),
+    '',
+    'Latency rounds (p50 / p99 / max, µs):',
+    '',
+    ...L.ours.rounds.map((r, i) => `- round ${i + 1}: ours ${r.p50.toFixed(1)} / ${r.p99.toFixed(1)} / ${r.max.toFixed(1)}; ` +
+      `xreader ${L.reference.rounds[i].p50.toFixed(1)} / ${L.reference.rounds[i].p99.toFixed(1)} / ${L.reference.rounds[i].max.toFixed(1)}`),
+    '',
+  ].filter((line) => line !== null).join('\n');
+  fs.writeFileSync(outFile, md);
+  const raw = { ...results, latency: { ours: { ...L.ours }, reference: { ...L.reference } } };
+  fs.writeFileSync(path.join(lib.buildDir, 'bench-results.json'), JSON.stringify(raw, (k, v) => (k === 'output' ? undefined : v), 2));
+  log(`written ${path.relative(process.cwd(), outFile)}`);
+}
+
+main().catch((error) => {
+  process.stderr.write(`${error.stack || error}\n`);
+  process.exit(1);
+});

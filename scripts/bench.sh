@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# npm run bench: builds the "release" preset (module, tools, benchmarks), starts a private Xvfb, runs every
+# benchmark, prints one table and writes it to bench/results.md. Extra arguments go to bench/run.js
+# (--quick: shortened runs for trying the harness; --out FILE: another Markdown file).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/ensure-deps.sh
+if [ ! -x /usr/bin/time ]; then
+  if [ "$(id -u)" -eq 0 ]; then
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq time
+  else
+    echo "bench: /usr/bin/time is missing (apt-get install time)" >&2
+    exit 1
+  fi
+fi
+if [ ! -d node_modules/node-addon-api ]; then
+  npm install --no-audit --no-fund
+fi
+
+napi_dir=$(node -p "require('path').resolve(require('node-addon-api').include_dir)")
+cmake --preset release -DZEL_BUILD_BENCH=ON -DZEL_NODE_ADDON_API_DIR="$napi_dir" >/dev/null
+cmake --build --preset release -j "$(nproc)" --target zelbridge zelbench_module zelbench_napi xinject xreader format_bench
+if cmake --build --preset release --target help | grep -q '\bcom_bench\b'; then
+  cmake --build --preset release -j "$(nproc)" --target com_bench
+fi
+
+state=$(mktemp -d "${TMPDIR:-/tmp}/zelbench.XXXXXX")
+cleanup() {
+  bash scripts/xvfb-fixture.sh stop "$state/xvfb" || true
+  rm -rf "$state"
+}
+trap cleanup EXIT
+display=$(bash scripts/xvfb-fixture.sh start "$state/xvfb")
+
+DISPLAY="$display" ZEL_BENCH_TMP="$state" ZEL_BENCH_BUILD_DIR="$PWD/build/release" node bench/run.js "$@"
