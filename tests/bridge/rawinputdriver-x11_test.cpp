@@ -187,8 +187,9 @@ TEST_F(XRawInputDriverTest, ThousandRapidCaptureReleaseCyclesDoNotHang) {
     Watchdog watchdog("1000 capture/release cycles", 300s);
     for (int round = 0; round < 1000; ++round) {
         driver->capturePointer(records.callback());
-        if (round % 100 == 0)
-            std::this_thread::sleep_for(5ms);  // now and then, let the reader block in its read first
+        // Vary the moment of the release: before the reader starts, while it connects, once it reads.
+        if (round % 4 == 0)
+            std::this_thread::sleep_for(std::chrono::microseconds(500 * ((round / 4) % 8)));
         driver->releasePointerCapture();
     }
     EXPECT_FALSE(driver->pointerCaptured());

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -318,6 +319,38 @@ TEST_F(RawInputDriverBaseTest, ReleaseWaitsForARunningDelivery) {
     EXPECT_TRUE(released.load());
     EXPECT_TRUE(doneWhenReleased);
     EXPECT_FALSE(driver->pointerCaptured());
+}
+
+TEST_F(RawInputDriverBaseTest, FailureToStartTheReaderLeavesTheCaptureInertAndLogsAnError) {
+    // libuv sizes thread stacks from RLIMIT_STACK: an enormous limit makes the thread creation fail.
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_STACK, &saved), 0);
+    constexpr rlim_t kHuge = rlim_t(1) << 46;
+    if (saved.rlim_max != RLIM_INFINITY && saved.rlim_max < kHuge)
+        GTEST_SKIP() << "cannot raise the stack limit";
+    LogCollector log;
+    rlimit huge = saved;
+    huge.rlim_cur = kHuge;
+    ASSERT_EQ(::setrlimit(RLIMIT_STACK, &huge), 0);
+    driver->capturePointer(records.callback());
+    ASSERT_EQ(::setrlimit(RLIMIT_STACK, &saved), 0);
+
+    const auto entries = log.entries();
+    if (driver->pointerCaptured())
+        GTEST_SKIP() << "the reader started anyway";
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].level, 3);
+    EXPECT_EQ(entries[0].function, "capturePointer");
+    EXPECT_EQ(entries[0].file, "../bridge/rawinputdriverbase");
+    EXPECT_EQ(fake().started(), 0);
+
+    driver->releasePointerCapture();  // nothing to stop: no break, no log
+    EXPECT_EQ(fake().breaks(), 0);
+    EXPECT_EQ(log.entries().size(), 1u);
+
+    driver->capturePointer(records.callback());  // a later capture works
+    fake().emit(motion(1, 1));
+    EXPECT_TRUE(records.waitFor(1));
 }
 
 TEST_F(RawInputDriverBaseTest, PointerCapturedFollowsTheCallback) {
