@@ -27,6 +27,25 @@ bool hasButtons(const PointerData& record) {
     return record.left != ButtonEvent::None || record.middle != ButtonEvent::None || record.right != ButtonEvent::None;
 }
 
+/// Keeps the event loop alive while it exists: the capture callback holds one, so the loop is kept alive
+/// exactly while the driver holds this object's callback, whichever capture object ends the capture (the
+/// driver drops callbacks on the script thread).
+class LoopRef {
+public:
+    explicit LoopRef(uv_async_t* handle) : m_handle(reinterpret_cast<uv_handle_t*>(handle)) { uv_ref(m_handle); }
+    LoopRef(LoopRef&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
+    LoopRef(const LoopRef&) = delete;
+    LoopRef& operator=(const LoopRef&) = delete;
+    LoopRef& operator=(LoopRef&&) = delete;
+    ~LoopRef() {
+        if (m_handle)
+            uv_unref(m_handle);
+    }
+
+private:
+    uv_handle_t* m_handle;
+};
+
 }  // namespace
 
 class PointerCaptureImpl final : public PointerCapture, public common::js::V8WeakReferenceHolder {
@@ -84,7 +103,7 @@ PointerCaptureImpl::PointerCaptureImpl(common::ComPtr<RawInputDriver> driver) : 
         m_driver.release();
         return;
     }
-    // The handle keeps the process alive only while this object captures.
+    // The handle keeps the process alive only while this object captures (see LoopRef).
     uv_unref(reinterpret_cast<uv_handle_t*>(m_async));
     // Stop the reader and close the handle before the environment (and its loop) goes away.
     node::AddEnvironmentCleanupHook(m_isolate, &PointerCaptureImpl::onEnvironmentCleanup, this);
@@ -131,19 +150,18 @@ void PointerCaptureImpl::startCapturing() {
     if (!m_driver || m_driver->pointerCaptured())
         return;
     // Runs on the reader thread, inside the driver's lock; the send happens while m_lock is held.
-    m_driver->capturePointer(RawInputDriver::Callback::makeUnique([this](PointerData record) {
-        std::lock_guard<common::threading::CriticalSection> lock(m_lock);
-        m_queue.push_back(record);
-        uv_async_send(m_async);
-    }));
-    uv_ref(reinterpret_cast<uv_handle_t*>(m_async));
+    m_driver->capturePointer(
+        RawInputDriver::Callback::makeUnique([this, loopRef = LoopRef(m_async)](PointerData record) {
+            std::lock_guard<common::threading::CriticalSection> lock(m_lock);
+            m_queue.push_back(record);
+            uv_async_send(m_async);
+        }));
 }
 
 void PointerCaptureImpl::stopCapturing() {
     if (!m_driver || !m_driver->pointerCaptured())
         return;
     m_driver->releasePointerCapture();
-    uv_unref(reinterpret_cast<uv_handle_t*>(m_async));
 }
 
 void PointerCaptureImpl::onAsync(uv_async_t* handle) {
