@@ -10,6 +10,7 @@
 
 #include "bridge/component.h"
 #include "common/com/comptr.h"
+#include "common/diagnostics/log.h"
 #include "common/utils/exception.h"
 #include "common/v8binding/v8binding.h"
 
@@ -34,6 +35,10 @@ struct LiveComponent {
 };
 
 std::list<LiveComponent>& liveComponents() {
+    // The log slot must outlive this list: a component still alive at process exit (after process.exit(), or an
+    // exit() from another thread) is destroyed with the list, and the diagnostics component's destructor empties
+    // the slot. Statics are destroyed in reverse order of construction, so the slot is created first.
+    (void)common::diagnostics::LogInternal::instance();
     static std::list<LiveComponent> components;
     return components;
 }
