@@ -25,6 +25,28 @@ concept ReflectedRecord = meta_internal::HasAttributes<T>::value &&
                           !std::is_same_v<decltype(meta::attributeValue<T, meta::ClassFieldsAttribute>()),
                                           meta_internal::NoAttribute>;
 
+/// The property key of field `Index` of the field list `Fields` of record `R` (a record's own fields and its fields
+/// with those of its bases are numbered apart): an internalized string made once per isolate and kept as an eternal
+/// handle, so that converting a record makes no strings. The objects are the same as with a new string per property
+/// (V8 internalizes property names anyway), with the properties in the same order. The cache is per thread and
+/// remembers its isolate: an isolate runs on one thread at a time, and a host thread runs one isolate in its life
+/// (the main thread; one thread per Worker).
+template <typename R, typename Fields, size_t Index>
+v8::Local<v8::String> fieldKey(v8::Isolate* isolate, std::string_view name) {
+    thread_local v8::Isolate* keyIsolate = nullptr;
+    thread_local v8::Eternal<v8::String> key;
+    if (keyIsolate != isolate) [[unlikely]] {
+        v8::Local<v8::String> text;
+        if (!v8::String::NewFromUtf8(isolate, name.data(), v8::NewStringType::kInternalized,
+                                     static_cast<int>(name.size()))
+                 .ToLocal(&text))
+            return js::makeStr(isolate, name);
+        key.Set(isolate, text);
+        keyIsolate = isolate;
+    }
+    return key.Get(isolate);
+}
+
 /// Reads property `key` of `object` in the current context; empty when it is missing or throws.
 inline v8::Local<v8::Value> getProperty(v8::Isolate* isolate, v8::Local<v8::Object> object, v8::Local<v8::String> key) {
     v8::Local<v8::Value> value;
@@ -81,11 +103,15 @@ template <typename R>
 v8::Local<v8::Value> toValue(v8::Isolate* isolate, const R& record) {
     v8::Local<v8::Context> context = isolate->GetCurrentContext();
     v8::Local<v8::Object> object = v8::Object::New(isolate);
-    std::apply(
-        [&](const auto&... fields) {
-            ((void)object->Set(context, toValue(isolate, fields.name()), toValue(isolate, fields.value())).IsJust(), ...);
-        },
-        meta::classFields(record));
+    const auto fields = meta::classFields(record);
+    using Fields = std::remove_const_t<decltype(fields)>;
+    [&]<size_t... I>(std::index_sequence<I...>) {
+        ((void)object
+             ->Set(context, js_internal::fieldKey<R, Fields, I>(isolate, std::get<I>(fields).name()),
+                   toValue(isolate, std::get<I>(fields).value()))
+             .IsJust(),
+         ...);
+    }(std::make_index_sequence<std::tuple_size_v<Fields>>{});
     return object;
 }
 
@@ -139,16 +165,16 @@ void fromValue(v8::Isolate* isolate, v8::Local<v8::Value> value, R& record) {
     if (value.IsEmpty() || !value->IsObject())
         return;
     v8::Local<v8::Object> object = value.As<v8::Object>();
-    std::apply(
-        [&](auto... fields) {
-            auto readField = [&](auto& field) {
-                v8::Local<v8::Value> property = js_internal::getProperty(isolate, object, makeStr(isolate, field.name()));
-                if (!property.IsEmpty() && !property->IsUndefined())
-                    fromValue(isolate, property, field.value());
-            };
-            (readField(fields), ...);
-        },
-        meta::attributeValue<R, meta::ClassFieldsAttribute>().getter(&record));
+    auto fields = meta::attributeValue<R, meta::ClassFieldsAttribute>().getter(&record);
+    using Fields = decltype(fields);
+    [&]<size_t... I>(std::index_sequence<I...>) {
+        auto readField = [&](auto& field, v8::Local<v8::String> key) {
+            v8::Local<v8::Value> property = js_internal::getProperty(isolate, object, key);
+            if (!property.IsEmpty() && !property->IsUndefined())
+                fromValue(isolate, property, field.value());
+        };
+        (readField(std::get<I>(fields), js_internal::fieldKey<R, Fields, I>(isolate, std::get<I>(fields).name())), ...);
+    }(std::make_index_sequence<std::tuple_size_v<Fields>>{});
 }
 
 // ---- script functions ----
