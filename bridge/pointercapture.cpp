@@ -18,6 +18,8 @@ namespace zel {
 namespace {
 
 constexpr const char* kFile = "../bridge/pointercapture";
+/// Capacity, in records, that a queue buffer keeps between deliveries; a steady stream needs a handful per wake-up.
+constexpr size_t kRetainedRecords = 256;
 using Level = common::diagnostics::Log::Level;
 using PointerData = RawInputDriver::PointerData;
 
@@ -64,6 +66,7 @@ private:
     static void onAsync(uv_async_t* handle);
     static void onEnvironmentCleanup(void* self);
     void deliver();
+    void invokeCallbacks();
     void releasePointerCapture();
 
     common::ComPtr<RawInputDriver> m_driver;
@@ -74,7 +77,7 @@ private:
     std::vector<PointerData> m_queue;  ///< guarded by m_lock
 
     // Script-thread state: the context callbacks run in, and the buffer the queue is swapped into
-    // (both buffers keep their capacity, so a steady stream allocates nothing per record).
+    // (both buffers keep up to kRetainedRecords of capacity, so a steady stream allocates nothing per record).
     v8::Isolate* m_isolate = nullptr;
     v8::Global<v8::Context> m_context;
     std::vector<PointerData> m_delivering;
@@ -180,8 +183,15 @@ void PointerCaptureImpl::deliver() {
         std::lock_guard<common::threading::CriticalSection> lock(m_lock);
         std::swap(m_queue, m_delivering);
     }
-    if (m_delivering.empty() || (!m_motionCallback && !m_buttonsCallback))
-        return;
+    if (!m_delivering.empty() && (m_motionCallback || m_buttonsCallback))
+        invokeCallbacks();
+    // After a burst this buffer (the queue again after the next swap) can be far larger than a steady stream needs:
+    // let it go rather than keep it for the capture's life.
+    if (m_delivering.capacity() > kRetainedRecords)
+        std::vector<PointerData>().swap(m_delivering);
+}
+
+void PointerCaptureImpl::invokeCallbacks() {
     v8::HandleScope handleScope(m_isolate);
     v8::Local<v8::Context> context = m_context.Get(m_isolate);
     v8::Context::Scope contextScope(context);
