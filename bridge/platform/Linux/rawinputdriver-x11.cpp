@@ -1,6 +1,9 @@
 // X11 / XInput2 raw input driver: a reader thread with its own X connection, woken by a private client message.
 #include "bridge/platform/Linux/rawinputdriver-x11.h"
 
+#include <malloc.h>
+
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -38,6 +41,9 @@ static_assert(kXIRawMotion == XI_RawMotion);
 /// Attempts to open the connection that carries a stop request before giving up.
 constexpr int kStopConnectionAttempts = 50;
 constexpr auto kStopConnectionRetryDelay = std::chrono::milliseconds(20);
+/// Queued events (about 200 bytes each) above which the memory Xlib kept for its event queue is handed back to
+/// the system when the connection closes.
+constexpr int kTrimAfterQueuedEvents = 4096;
 
 }  // namespace
 
@@ -224,6 +230,16 @@ void XRawInputDriver::processInput() {
     if (m_stopRequested.load())
         return;
 
+    // Xlib keeps every event-queue entry it has allocated until the connection closes, so a burst that outran this
+    // thread keeps its peak backlog allocated for the whole capture. Once the connection is closed (the client
+    // goes before this guard), a large backlog's memory is handed back to the system.
+    struct QueueMemoryRelease {
+        int peakQueued = 0;
+        ~QueueMemoryRelease() {
+            if (peakQueued > kTrimAfterQueuedEvents)
+                malloc_trim(0);
+        }
+    } queueMemory;
     InputClient client;
     if (!client.display()) {
         COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Fail to open X display");
@@ -265,6 +281,7 @@ void XRawInputDriver::processInput() {
     for (;;) {
         XEvent event;
         XNextEvent(client, &event);
+        queueMemory.peakQueued = std::max(queueMemory.peakQueued, QLength(client.display()));
         if (client.isCloseInputEvent(event))
             return;
         if (!admitsInputEvent(event.type, event.xcookie.extension, client.xiOpcode()))
