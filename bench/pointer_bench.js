@@ -3,8 +3,9 @@
 //
 //   node --expose-gc bench/pointer_bench.js latency [N]        N moves (after 200 warm-up moves) paced at 1 kHz:
 //                                                             injection to motion callback, matched by order
-//   node --expose-gc bench/pointer_bench.js throughput [N]     N moves back to back in a checkable pattern:
-//                                                             count, order, records/s, C heap and resident growth
+//   node --expose-gc bench/pointer_bench.js throughput [N W]   N moves back to back in a checkable pattern, after a
+//                                                             warm-up burst of W: count, order, records/s, C heap
+//                                                             and resident growth
 //   node --expose-gc bench/pointer_bench.js sustained [N R]    N moves at R per second: count and CPU shares
 //   node --expose-gc bench/pointer_bench.js idle capture|baseline [MS]
 //                                                             process CPU time over MS ms with no input, capturing
@@ -97,16 +98,30 @@ async function latency(measured) {
   return { sent: sent.length, delivered, lost: sent.length - delivered, wrongOffsets, ...lib.latencyStats(latencies), latencies };
 }
 
-async function throughput(total) {
+async function throughput(total, warmUpBurst) {
   const pattern = lib.movePattern(total);
   let mismatches = 0;
   let first = 0n;
   let last = 0n;
   const capture = newCapture();
-  // A first capture round creates what lives as long as the component (the driver, first-use statics).
+  // A first capture round with a shorter burst: creates what lives as long as the component (the driver, first-use
+  // statics), compiles the hot paths and fills the allocator's per-thread caches, so that the starting level below
+  // is the steady state.
   capture.startCapturing();
   await waitUntilCapturing();
+  const warmUp = lib.movePattern(warmUpBurst);
+  state.onMotion = (event) => {
+    const [dx, dy] = warmUp.expected(state.count - 1);
+    if (event.offset.x !== dx || event.offset.y !== dy) mismatches++;
+    last = process.hrtime.bigint();
+  };
+  await lib.run(paths.xinject, ['script'], { input: warmUp.script });
+  await waitForRecords(warmUpBurst);
+  state.onMotion = null;
   capture.stopCapturing();
+  const warmUpDelivered = state.count;
+  const warmUpMismatches = mismatches;
+  mismatches = 0;
 
   // Starting levels: no capture running, the garbage collected.
   await settle();
@@ -149,6 +164,7 @@ async function throughput(total) {
     delivered,
     lost: total - delivered,
     mismatches,
+    warmUp: { sent: warmUpBurst, delivered: warmUpDelivered, mismatches: warmUpMismatches },
     seconds,
     recordsPerSecond: delivered > 1 ? (delivered - 1) / seconds : 0,
     mainCpuMs,
@@ -231,7 +247,7 @@ async function main() {
   const [mode, a, b] = process.argv.slice(2);
   let result;
   if (mode === 'latency') result = await latency(Number(a || 2000));
-  else if (mode === 'throughput') result = await throughput(Number(a || 100000));
+  else if (mode === 'throughput') result = await throughput(Number(a || 100000), Number(b || 20000));
   else if (mode === 'sustained') result = await sustained(Number(a || 80000), Number(b || 8000));
   else if (mode === 'idle') result = await idle(a === 'capture', Number(b || 10000));
   else throw new Error(`unknown mode ${mode}`);
