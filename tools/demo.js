@@ -1,0 +1,257 @@
+#!/usr/bin/env node
+'use strict';
+// Live demo of zelbridge (npm start): captures the pointer and prints every raw motion and button record as it
+// arrives.
+//
+//   With DISPLAY set:  captures the real pointer of that display until Ctrl-C.
+//   Without DISPLAY:   starts a private Xvfb, plays a scripted gesture through tools/xinject (a circle of
+//                      relative moves, then a left, a middle and a right click), prints the records and a
+//                      summary line, stops Xvfb and exits (0 when every record sent was received):
+//                        summary: sent=N received=N latency p50=… p95=… p99=… max=… ms
+//                      The latency runs from xinject's CLOCK_MONOTONIC send time of each event to the moment the
+//                      callback runs (process.hrtime.bigint(), CLOCK_MONOTONIC as well).
+//
+// The build: ZELBRIDGE_BUILD_DIR names an existing build to use as it is; otherwise build/default is configured
+// when needed and brought up to date (after scripts/ensure-deps.sh installs what is missing).
+const fs = require('node:fs');
+const os = require('node:os');
+const path = require('node:path');
+const readline = require('node:readline');
+const { spawn, spawnSync } = require('node:child_process');
+
+const root = path.join(__dirname, '..');
+const buttonNames = ['-', 'released', 'pressed'];
+
+/** The environment for helper processes: a sanitizer runtime preloaded into node is not theirs to load. */
+function helperEnv(extra = {}) {
+  const env = { ...process.env, ...extra };
+  delete env.LD_PRELOAD;
+  return env;
+}
+
+/** Runs a command with its output on ours; ends the demo when it fails. */
+function run(command, args) {
+  console.error(`demo: ${command} ${args.join(' ')}`);
+  const result = spawnSync(command, args, { cwd: root, stdio: 'inherit', env: helperEnv() });
+  if (result.error || result.status !== 0) {
+    console.error(`demo: ${command} failed (${result.error ? result.error.message : `exit status ${result.status}`})`);
+    process.exit(1);
+  }
+}
+
+/** The build directory to use, configured and built as needed. */
+function prepareBuild() {
+  if (process.env.ZELBRIDGE_BUILD_DIR) return path.resolve(process.env.ZELBRIDGE_BUILD_DIR);
+  const buildDir = path.join(root, 'build', 'default');
+  if (!fs.existsSync(path.join(buildDir, 'CMakeCache.txt'))) {
+    run('bash', ['scripts/ensure-deps.sh']);
+    run('cmake', ['--preset', 'default']);
+  }
+  run('cmake', ['--build', '--preset', 'default', '--target', 'zelbridge', 'xinject']);
+  return buildDir;
+}
+
+const pad = (value, width) => String(value).padStart(width);
+const formatMotion = (record) => `motion   offset (${pad(record.offset.x, 4)}, ${pad(record.offset.y, 4)})`
+  + `  screen (${pad(record.screenPoint.x, 5)}, ${pad(record.screenPoint.y, 5)})`;
+const formatButtons = (record) => `buttons  left ${buttonNames[record.left] || record.left}`
+  + `  middle ${buttonNames[record.middle] || record.middle}  right ${buttonNames[record.right] || record.right}`;
+
+/** Loads the module and routes its log: warnings and errors are called out on standard error. */
+function loadBridge() {
+  const bridge = require(root);
+  const levels = { 0: 'info', 2: 'warning', 3: 'error' };
+  // The native side prints every message itself; the handler only flags the ones that need attention.
+  bridge.diagnostics.setLogHandler((message, level) => {
+    if (level >= 2) console.error(`demo: native ${levels[level] || `level ${level}`}: ${message}`);
+  });
+  return bridge;
+}
+
+// ---- the real pointer ----
+
+function captureLive(bridge) {
+  console.log(`Capturing the pointer of display ${process.env.DISPLAY}; move it, click, press Ctrl-C to stop.`);
+  const capture = bridge.hardware.capturePointer();
+  let count = 0;
+  capture.setMotionEventCallback((record) => {
+    ++count;
+    console.log(formatMotion(record));
+  });
+  capture.setButtonsEventCallback((record) => {
+    ++count;
+    console.log(formatButtons(record));
+  });
+  capture.startCapturing();
+  process.once('SIGINT', () => {
+    capture.stopCapturing();
+    console.log(`\nStopped after ${count} records.`);
+    // Nothing else keeps the loop running: the process ends here.
+  });
+}
+
+// ---- the scripted gesture on a private Xvfb ----
+
+/** Relative moves around a circle, each with both components non-zero (a step that rounds to a zero component
+ *  is merged into the next one). */
+function circle(radius = 80, steps = 48) {
+  const moves = [];
+  let x = Math.round(radius);
+  let y = 0;
+  let pending = [0, 0];
+  for (let i = 1; i <= steps; ++i) {
+    const angle = (2 * Math.PI * i) / steps;
+    const nx = Math.round(radius * Math.cos(angle));
+    const ny = Math.round(radius * Math.sin(angle));
+    pending = [pending[0] + nx - x, pending[1] + ny - y];
+    [x, y] = [nx, ny];
+    if (pending[0] !== 0 && pending[1] !== 0) {
+      moves.push(pending);
+      pending = [0, 0];
+    }
+  }
+  if (pending[0] !== 0 || pending[1] !== 0) moves.push(pending); // closes the circle
+  return moves.filter(([dx, dy]) => dx !== 0 && dy !== 0);
+}
+
+/** The p-th percentile (0..100) of sorted `values`, by nearest rank. */
+function percentile(sorted, p) {
+  if (sorted.length === 0) return NaN;
+  const rank = Math.max(1, Math.ceil((p / 100) * sorted.length));
+  return sorted[Math.min(rank, sorted.length) - 1];
+}
+
+const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+
+async function playGesture(bridge, xinjectPath) {
+  const display = process.env.DISPLAY;
+  const inject = (...args) => {
+    const result = spawnSync(xinjectPath, ['-d', display, ...args], { encoding: 'utf8', env: helperEnv() });
+    if (result.status !== 0) throw new Error(`xinject ${args.join(' ')} failed: ${result.stderr || result.error}`);
+    return result.stdout;
+  };
+
+  const capture = bridge.hardware.capturePointer();
+  const received = []; // the receive time of each record (ns, CLOCK_MONOTONIC), printed as it arrives
+  let recording = false;
+  let priming = 0;
+  capture.setMotionEventCallback((record) => {
+    const now = process.hrtime.bigint();
+    if (!recording) {
+      ++priming;
+      return;
+    }
+    received.push(now);
+    console.log(`${pad(received.length, 4)}  ${formatMotion(record)}`);
+  });
+  capture.setButtonsEventCallback((record) => {
+    const now = process.hrtime.bigint();
+    if (!recording) return;
+    received.push(now);
+    console.log(`${pad(received.length, 4)}  ${formatButtons(record)}`);
+  });
+  capture.startCapturing();
+  try {
+    return await recordGesture(capture, received, () => priming, () => { recording = true; }, inject, xinjectPath);
+  } finally {
+    capture.stopCapturing();
+  }
+}
+
+async function recordGesture(capture, received, priming, startRecording, inject, xinjectPath) {
+  const display = process.env.DISPLAY;
+  // The capture's own X connection selects input shortly after startCapturing returns: nudge the pointer back
+  // and forth until it reports, then let those records drain before the gesture starts.
+  const deadline = Date.now() + 20000;
+  while (priming() === 0) {
+    if (Date.now() > deadline) throw new Error('the capture received no input');
+    inject('move', '1', '1');
+    inject('move', '-1', '-1');
+    await sleep(10);
+  }
+  await sleep(100);
+  startRecording();
+
+  // The gesture, one command every 4 ms; xinject prints the send time of every event it sends (-t).
+  const moves = circle();
+  const commands = [...moves.map(([dx, dy]) => `move ${dx} ${dy}`), 'click 1', 'click 2', 'click 3'];
+  const injector = spawn(xinjectPath, ['-d', display, '-t', 'script'], { stdio: ['pipe', 'pipe', 'inherit'], env: helperEnv() });
+  const sendTimes = [];
+  readline.createInterface({ input: injector.stdout }).on('line', (line) => {
+    if (/^\d+$/.test(line)) sendTimes.push(BigInt(line));
+    else console.error(`demo: xinject: ${line}`);
+  });
+  const injectorDone = new Promise((resolve) => injector.once('exit', resolve));
+  console.log(`Playing a circle of ${moves.length} relative moves, then a left, a middle and a right click.`);
+  for (const command of commands) {
+    injector.stdin.write(`${command}\n`);
+    await sleep(4);
+  }
+  injector.stdin.end('quit\n');
+  const status = await injectorDone;
+  if (status !== 0) throw new Error(`xinject ended with status ${status}`);
+
+  const sent = sendTimes.length; // one line per event: a move is one, a click two (press, release)
+  const end = Date.now() + 5000;
+  while (received.length < sent && Date.now() < end) await sleep(5);
+  await sleep(50); // anything beyond what was sent would show here
+  capture.stopCapturing();
+
+  // Records and events pair up in order: the n-th record received is the n-th event sent.
+  const latencies = received.slice(0, sent).map((time, i) => Number(time - sendTimes[i]) / 1e6);
+  latencies.sort((a, b) => a - b);
+  const ms = (value) => (Number.isNaN(value) ? 'n/a' : value.toFixed(3));
+  console.log(`summary: sent=${sent} received=${received.length} latency p50=${ms(percentile(latencies, 50))}`
+    + ` p95=${ms(percentile(latencies, 95))} p99=${ms(percentile(latencies, 99))}`
+    + ` max=${ms(latencies.length ? latencies[latencies.length - 1] : NaN)} ms`);
+  return sent === received.length;
+}
+
+async function demoOnPrivateDisplay(buildDir) {
+  const xinjectPath = path.join(buildDir, 'tools', 'xinject');
+  if (!fs.existsSync(xinjectPath)) throw new Error(`${xinjectPath} is not built`);
+  const stateDir = fs.mkdtempSync(path.join(os.tmpdir(), 'zel-demo-xvfb.'));
+  const fixture = path.join(root, 'scripts', 'xvfb-fixture.sh');
+  const stopServer = () => {
+    spawnSync('bash', [fixture, 'stop', stateDir], { stdio: 'inherit', env: helperEnv() });
+    fs.rmSync(stateDir, { recursive: true, force: true });
+  };
+  const started = spawnSync('bash', [fixture, 'start', stateDir], { encoding: 'utf8', env: helperEnv() });
+  if (started.status !== 0) {
+    process.stderr.write(started.stderr || '');
+    fs.rmSync(stateDir, { recursive: true, force: true });
+    throw new Error('Xvfb could not be started');
+  }
+  process.env.DISPLAY = started.stdout.trim();
+  console.log(`No DISPLAY: started Xvfb on ${process.env.DISPLAY}.`);
+  const onSignal = () => {
+    stopServer();
+    process.exit(130);
+  };
+  process.once('SIGINT', onSignal);
+  process.once('SIGTERM', onSignal);
+  try {
+    return await playGesture(loadBridge(), xinjectPath);
+  } finally {
+    process.removeListener('SIGINT', onSignal);
+    process.removeListener('SIGTERM', onSignal);
+    stopServer();
+    console.log('Xvfb stopped.');
+  }
+}
+
+async function main() {
+  const buildDir = prepareBuild();
+  process.env.ZELBRIDGE_BUILD_DIR = buildDir; // index.js loads the module from there
+  if (process.env.DISPLAY) {
+    captureLive(loadBridge());
+    return;
+  }
+  const complete = await demoOnPrivateDisplay(buildDir);
+  process.exitCode = complete ? 0 : 1;
+}
+
+main().catch((error) => {
+  console.error(`demo: ${error.message}`);
+  process.exitCode = 1;
+});
