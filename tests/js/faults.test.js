@@ -1,0 +1,391 @@
+'use strict';
+// Faults around pointer capture, each in a child process with a private Xvfb: the X server going away while a
+// capture reads or while button state is queried, no X server at all, script callbacks that throw on every
+// record, and process.exit() while capturing. Each case asserts how the child ends; none may hang.
+//
+// What happens when the X server goes away is decided by Xlib, not by the module: the next read or request on a
+// connection whose server is gone fails, and Xlib's I/O error handling prints one of
+//   X connection to :N broken (explicit kill or server shutdown).
+//   XIO:  fatal IO error E (<strerror of E>) on X server ":N"
+//         after R requests (K known processed) with Q events remaining.
+// (the first when errno says EPIPE; otherwise E is whatever errno held) to standard error and calls exit(1), on
+// whichever thread made the call (the reader thread of a running capture, or the script thread in
+// getButtonState). The host's own exit handlers (process.on('exit')) do not run; the C++ static destructors do. The handler that
+// prints and exits is process-wide (XSetIOErrorHandler); the per-connection XSetIOErrorExitHandler of libX11 1.8
+// runs only after it, and a reader returning from XNextEvent after a failed read would use an event that was
+// never read, so the module leaves the Xlib behaviour as it is.
+const test = require('node:test');
+const assert = require('node:assert/strict');
+const fs = require('node:fs');
+const os = require('node:os');
+const path = require('node:path');
+const { execFileSync, spawn, spawnSync } = require('node:child_process');
+const { buildDir, describe, requireBridge, sleep } = require('./support');
+
+const repoDir = path.join(__dirname, '..', '..');
+const fixture = path.join(repoDir, 'scripts', 'xvfb-fixture.sh');
+const xinjectPath = path.join(buildDir, 'tools', 'xinject');
+
+// Seconds a child may take to end once its fault happened.
+const END_SECONDS = 15;
+
+/** A private Xvfb: { display, pid, stop(), kill(signal) }. Stopped at the end of the process in any case. */
+function startServer() {
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'zel-faults-'));
+  const display = execFileSync('bash', [fixture, 'start', dir], { encoding: 'utf8' }).trim();
+  const pid = Number(fs.readFileSync(path.join(dir, 'pid'), 'utf8'));
+  const server = {
+    display,
+    pid,
+    stop() {
+      if (!liveServers.delete(server)) return;
+      spawnSync('bash', [fixture, 'stop', dir]);
+      fs.rmSync(dir, { recursive: true, force: true });
+    },
+    /** Kills the server and waits until it is gone. */
+    async kill(signal = 'SIGKILL') {
+      try {
+        process.kill(pid, signal);
+      } catch {
+        return;
+      }
+      const end = Date.now() + 10000;
+      while (Date.now() < end && fs.existsSync(`/proc/${pid}`) && !isZombie(pid)) await sleep(10);
+    },
+  };
+  liveServers.add(server);
+  return server;
+}
+
+const liveServers = new Set();
+process.on('exit', () => {
+  for (const server of [...liveServers]) server.stop();
+});
+
+function isZombie(pid) {
+  try {
+    const stat = fs.readFileSync(`/proc/${pid}/stat`, 'utf8');
+    return stat.slice(stat.lastIndexOf(')') + 2).startsWith('Z');
+  } catch {
+    return true;
+  }
+}
+
+/** The display of a server that is not running (started, then stopped). */
+function deadDisplay() {
+  const server = startServer();
+  server.stop();
+  return server.display;
+}
+
+/**
+ * Starts `script` in a child node with DISPLAY=`display`. Returns { lines(stream), waitFor(stream, text, ms),
+ * ended (a promise of { status, signal, stdout, stderr, seconds }), kill() }.
+ */
+function startChild(script, display, options = {}) {
+  const child = spawn(process.execPath, [...(options.execArgv || []), '-e', script], {
+    env: { ...process.env, DISPLAY: display, ...(options.env || {}) },
+    stdio: ['ignore', 'pipe', 'pipe'],
+  });
+  const output = { stdout: '', stderr: '' };
+  child.stdout.setEncoding('utf8').on('data', (chunk) => { output.stdout += chunk; });
+  child.stderr.setEncoding('utf8').on('data', (chunk) => { output.stderr += chunk; });
+  let endedAt = 0;
+  const ended = new Promise((resolve) => {
+    child.on('close', (status, signal) => {
+      endedAt = Date.now();
+      resolve({ status, signal, ...output });
+    });
+  });
+  let exited = false;
+  ended.then(() => { exited = true; });
+  return {
+    output,
+    ended,
+    endedAt: () => endedAt,
+    async waitFor(stream, text, ms = 20000) {
+      const end = Date.now() + ms;
+      while (!output[stream].includes(text) && !exited && Date.now() < end) await sleep(5);
+      return output[stream].includes(text);
+    },
+    kill() {
+      if (!exited) child.kill('SIGKILL');
+    },
+  };
+}
+
+/** Waits at most END_SECONDS for the child to end; a child still running then is killed and reported as hung. */
+async function endOf(child) {
+  let timer;
+  const timeout = new Promise((resolve) => { timer = setTimeout(resolve, END_SECONDS * 1000, 'hung'); });
+  const result = await Promise.race([child.ended, timeout]);
+  clearTimeout(timer);
+  if (result === 'hung') {
+    child.kill();
+    const killed = await child.ended;
+    assert.fail(`the child hung\n${describe(killed)}`);
+  }
+  return result;
+}
+
+/** Whether `stderr` carries Xlib's report of a dead connection to `display` (either form). */
+function reportsBrokenConnection(stderr, display) {
+  const name = display.replace(/[.]/g, '\\.');
+  return new RegExp(`^X connection to ${name} broken \\(explicit kill or server shutdown\\)\\.\r?$`, 'm').test(stderr)
+    || new RegExp(`^XIO:  fatal IO error \\d+ \\(.*\\) on X server "${name}"\r?\n`
+      + '      after \\d+ requests \\(\\d+ known processed\\) with \\d+ events remaining\\.\r?$', 'm').test(stderr);
+}
+
+/** Child prelude: the module as `z` with a log handler that counts what reaches script. */
+const prelude = `
+  const z = ${requireBridge};
+  const logged = [];
+  z.diagnostics.setLogHandler((message, level) => logged.push([message, level]));
+  const say = (text) => process.stderr.write(text + '\\n');
+`;
+
+/** A capture that says "capturing" once the first record arrived; `busy` keeps the script thread working. */
+const capturingChild = (busy) => `
+  ${prelude}
+  const capture = z.hardware.capturePointer();
+  let records = 0;
+  capture.setMotionEventCallback(() => { if (++records === 1) say('capturing'); });
+  capture.setButtonsEventCallback(() => { ++records; });
+  capture.startCapturing();
+  ${busy ? `
+  // The script thread stays busy between deliveries: allocation, collection, timers.
+  let junk = [];
+  setInterval(() => { junk = []; for (let i = 0; i < 20000; ++i) junk.push({ i }); }, 1);` : ''}
+  process.on('exit', () => say('exit handlers ran'));
+`;
+
+/** Injects moves until `done()` or 10 s pass. */
+async function moveUntil(display, done) {
+  const end = Date.now() + 10000;
+  while (!done() && Date.now() < end) {
+    spawnSync(xinjectPath, ['-d', display, 'move', '1', '0']);
+    await sleep(20);
+  }
+  return done();
+}
+
+for (const [signal, how] of [['SIGKILL', 'killed'], ['SIGTERM', 'terminated']]) {
+  test(`X server ${how} while a capture reads: Xlib reports the broken connection and exits with status 1`, async () => {
+    const server = startServer();
+    const child = startChild(capturingChild(false), server.display);
+    try {
+      assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('capturing')),
+        `the capture delivers\n${describe(child.output)}`);
+      const killedAt = Date.now();
+      await server.kill(signal);
+      const result = await endOf(child);
+      assert.equal(result.signal, null, describe(result));
+      assert.equal(result.status, 1, describe(result));
+      assert.ok(reportsBrokenConnection(result.stderr, server.display), describe(result));
+      assert.ok(!result.stderr.includes('exit handlers ran'), 'Xlib exits without the host\'s exit handlers');
+      assert.equal(result.stdout, 'Native: capture pointer\n', describe(result));
+      assert.ok(child.endedAt() - killedAt < 5000, `ended ${child.endedAt() - killedAt} ms after the kill`);
+    } finally {
+      child.kill();
+      server.stop();
+    }
+  });
+}
+
+test('X server killed while records stream in and the script thread is busy: exit status 1, repeatedly', async () => {
+  for (let round = 0; round < 5; ++round) {
+    const server = startServer();
+    const child = startChild(capturingChild(true), server.display);
+    // A steady stream of moves until the server goes.
+    const injector = spawn(xinjectPath, ['-d', server.display, 'move', '1', '1', '-n', '1000000', '-r', '2000'],
+      { stdio: 'ignore' });
+    try {
+      assert.ok(await child.waitFor('stderr', 'capturing'), `round ${round}: the capture delivers\n${describe(child.output)}`);
+      await sleep(100 + 50 * round);
+      await server.kill('SIGKILL');
+      const result = await endOf(child);
+      assert.equal(result.signal, null, `round ${round}\n${describe(result)}`);
+      assert.equal(result.status, 1, `round ${round}\n${describe(result)}`);
+      assert.ok(reportsBrokenConnection(result.stderr, server.display), `round ${round}\n${describe(result)}`);
+    } finally {
+      injector.kill('SIGKILL');
+      child.kill();
+      server.stop();
+    }
+  }
+});
+
+test('X server killed between getButtonState calls: the next call exits with status 1', async () => {
+  const server = startServer();
+  const child = startChild(`
+    ${prelude}
+    let calls = 0;
+    setInterval(() => {
+      const state = z.hardware.getButtonState(0);
+      if (++calls === 1) say('queried ' + state);
+    }, 5);
+    process.on('exit', () => say('exit handlers ran'));
+  `, server.display);
+  try {
+    assert.ok(await child.waitFor('stderr', 'queried false'), describe(child.output));
+    await server.kill('SIGKILL');
+    const result = await endOf(child);
+    assert.equal(result.signal, null, describe(result));
+    assert.equal(result.status, 1, describe(result));
+    assert.ok(reportsBrokenConnection(result.stderr, server.display), describe(result));
+    assert.ok(!result.stderr.includes('exit handlers ran'), describe(result));
+    assert.equal(result.stdout, '', describe(result));
+  } finally {
+    child.kill();
+    server.stop();
+  }
+});
+
+test('X server killed while a capture is stopped and buttons are not queried: nothing happens until the next use', async () => {
+  const server = startServer();
+  const child = startChild(`
+    ${prelude}
+    const capture = z.hardware.capturePointer();
+    let records = 0;
+    capture.setMotionEventCallback(() => { if (++records === 1) say('capturing'); });
+    capture.startCapturing();
+    say('button ' + z.hardware.getButtonState(0));
+    process.stdin.resume();
+    const poll = setInterval(() => {
+      if (records > 0) {
+        clearInterval(poll);
+        capture.stopCapturing();
+        say('stopped');
+        // The parent kills the server now; this process goes on untouched until it asks the server again.
+        setTimeout(() => { say('still running'); z.hardware.getButtonState(0); say('returned'); }, 1000);
+      }
+    }, 5);
+  `, server.display);
+  try {
+    assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('stopped')), describe(child.output));
+    await server.kill('SIGKILL');
+    const result = await endOf(child);
+    assert.equal(result.status, 1, describe(result));
+    assert.match(result.stderr, /^still running$/m, describe(result));
+    assert.ok(!result.stderr.includes('returned'), describe(result));
+    assert.ok(reportsBrokenConnection(result.stderr, server.display), describe(result));
+    assert.equal(result.stdout, 'Native: capture pointer\nPointer capture released\n', describe(result));
+  } finally {
+    child.kill();
+    server.stop();
+  }
+});
+
+test('no X server at all: getButtonState answers false with a warning, a capture starts and stops without input', async () => {
+  const child = startChild(`
+    ${prelude}
+    say('button ' + z.hardware.getButtonState(0));
+    const capture = z.hardware.capturePointer();
+    capture.setMotionEventCallback(() => say('record'));
+    capture.startCapturing();
+    setTimeout(() => { capture.stopCapturing(); say(JSON.stringify(logged)); }, 300);
+  `, deadDisplay());
+  const result = await endOf(child);
+  assert.equal(result.status, 0, describe(result));
+  assert.match(result.stderr, /^button false$/m, describe(result));
+  assert.ok(!result.stderr.includes('record'), describe(result));
+  assert.equal(result.stdout,
+    'No X display to query the pointer\nNative: capture pointer\nFail to open X display\nPointer capture released\n',
+    describe(result));
+  // The reader thread's message reaches standard output only, not script.
+  const logged = JSON.parse(result.stderr.split('\n').find((line) => line.startsWith('[')));
+  assert.deepEqual(logged, [['No X display to query the pointer', 2], ['Native: capture pointer', 0],
+    ['Pointer capture released', 0]]);
+});
+
+test('callbacks that throw on every record: delivery goes on, every record arrives', async () => {
+  const server = startServer();
+  const moves = 300;
+  const clicks = 40;
+  // Probe moves go down (0, 1) until the reader runs; the counted moves go right (1, 0).
+  const child = startChild(`
+    ${prelude}
+    let uncaught = 0;
+    process.on('uncaughtException', () => { ++uncaught; });
+    const capture = z.hardware.capturePointer();
+    const seen = { probes: 0, moves: 0, buttons: 0 };
+    capture.setMotionEventCallback((record) => {
+      if (record.offset.x === 1) ++seen.moves; else if (++seen.probes === 1) say('capturing');
+      throw new Error('motion');
+    });
+    capture.setButtonsEventCallback(() => { ++seen.buttons; throw 42; });
+    capture.startCapturing();
+    const end = Date.now() + 30000;
+    const check = setInterval(() => {
+      if ((seen.moves >= ${moves} && seen.buttons >= ${2 * clicks}) || Date.now() > end) {
+        clearInterval(check);
+        // Anything beyond the expected records would arrive meanwhile.
+        setTimeout(() => {
+          capture.stopCapturing();
+          say('RESULT ' + JSON.stringify({ ...seen, uncaught }));
+        }, 300);
+      }
+    }, 5);
+  `, server.display);
+  try {
+    const end = Date.now() + 10000;
+    while (!child.output.stderr.includes('capturing') && Date.now() < end) {
+      spawnSync(xinjectPath, ['-d', server.display, 'move', '0', '1']);
+      await sleep(20);
+    }
+    assert.ok(child.output.stderr.includes('capturing'), describe(child.output));
+    execFileSync(xinjectPath, ['-d', server.display, 'move', '1', '0', '-n', String(moves)]);
+    execFileSync(xinjectPath, ['-d', server.display, 'click', '1', '-n', String(clicks)]);
+    const result = await endOf(child);
+    assert.equal(result.status, 0, describe(result));
+    const line = result.stderr.split('\n').find((l) => l.startsWith('RESULT '));
+    assert.ok(line, describe(result));
+    const seen = JSON.parse(line.slice('RESULT '.length));
+    assert.equal(seen.uncaught, 0, 'nothing reaches uncaughtException');
+    assert.equal(seen.moves, moves, describe(result));
+    assert.equal(seen.buttons, 2 * clicks, describe(result));
+    assert.equal(result.stdout, 'Native: capture pointer\nPointer capture released\n', describe(result));
+  } finally {
+    child.kill();
+    server.stop();
+  }
+});
+
+for (const [where, trigger] of [
+  ['from a timer', "setTimeout(() => process.exit(7), 100);"],
+  ['from inside a motion callback', "capture.setButtonsEventCallback(() => {}); let n = 0; const exitAfter = 50;"],
+]) {
+  test(`process.exit(7) ${where} while records stream in: exits promptly with status 7`, async () => {
+    const server = startServer();
+    const injector = spawn(xinjectPath, ['-d', server.display, 'move', '1', '1', '-n', '1000000', '-r', '2000'],
+      { stdio: 'ignore' });
+    try {
+      for (let round = 0; round < 5; ++round) {
+        const inCallback = where.includes('callback');
+        const child = startChild(`
+          ${prelude}
+          const capture = z.hardware.capturePointer();
+          let records = 0;
+          capture.setMotionEventCallback(() => {
+            if (++records === 1) {
+              say('capturing');
+              ${inCallback ? '' : trigger}
+            }
+            ${inCallback ? "if (records === 50) { say('exiting'); process.exit(7); }" : ''}
+          });
+          capture.startCapturing();
+          process.on('exit', (code) => say('exit ' + code));
+        `, server.display);
+        const result = await endOf(child);
+        assert.equal(result.signal, null, `round ${round}\n${describe(result)}`);
+        assert.equal(result.status, 7, `round ${round}\n${describe(result)}`);
+        assert.match(result.stderr, /^capturing$/m, describe(result));
+        assert.match(result.stderr, /^exit 7$/m, describe(result));
+        assert.equal(result.stdout, 'Native: capture pointer\n', describe(result));
+      }
+    } finally {
+      injector.kill('SIGKILL');
+      server.stop();
+    }
+  });
+}
