@@ -110,16 +110,22 @@ function formatBench() {
   return { format: ns('format\\("'), stream: ns('hand-written ostringstream'), output: out };
 }
 
-/** The "... ratio   N" lines of the object model benchmark's summary, when that benchmark is built. */
+/**
+ * The summary lines of the object model benchmark, when that benchmark is built:
+ * "  NAME   OURS   THEIRS   RATIO   <= TARGET met|MISSED" or "... (none)".
+ */
 function comBench() {
   if (!fs.existsSync(paths.comBench)) return null;
   const out = runProgram(paths.comBench, ['--benchmark_filter=^$']);
-  const ratios = [];
+  const pairs = [];
   for (const line of out.split('\n')) {
-    const m = /^\s*(.*\bratio\b.*?)\s+([\d.]+)\s*$/.exec(line);
-    if (m) ratios.push({ name: m[1].trim(), ratio: Number(m[2]) });
+    const m = /^ {2}(.*?)\s+([\d.]+)\s+([\d.]+)\s+([\d.]+)\s+(?:<=\s*([\d.]+)\s+(met|MISSED)|\(none\))\s*$/.exec(line);
+    if (m) {
+      pairs.push({ name: m[1].trim(), ours: Number(m[2]), theirs: Number(m[3]), ratio: Number(m[4]),
+        target: m[5] ? Number(m[5]) : null });
+    }
   }
-  return { ratios, output: out };
+  return { pairs, output: out };
 }
 
 function callBench() {
@@ -265,8 +271,11 @@ async function main() {
   const F = results.format;
   rows.push(row('format("{0}({1}):{2}") vs ostringstream', fmt.ns(F.format), fmt.ns(F.stream), fmt.ratio(F.format / F.stream)));
   if (results.com) {
-    for (const r of results.com.ratios) rows.push(row(`object model: ${r.name}`, '', null, fmt.ratio(r.ratio)));
-    if (results.com.ratios.length === 0) rows.push(row('object model (com_bench)', 'no ratio printed'));
+    for (const p of results.com.pairs) {
+      rows.push(row(`object model: ${p.name}`, fmt.ns(p.ours), fmt.ns(p.theirs), fmt.ratio(p.ratio),
+        p.target !== null ? `ratio ≤ ${p.target}` : null, p.target !== null ? yesNo(p.ratio <= p.target) : null));
+    }
+    if (results.com.pairs.length === 0) rows.push(row('object model (com_bench)', 'no summary printed'));
   } else {
     rows.push(row('object model (com_bench)', 'not built: skipped'));
   }

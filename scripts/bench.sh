@@ -21,7 +21,8 @@ fi
 napi_dir=$(node -p "require('path').resolve(require('node-addon-api').include_dir)")
 cmake --preset release -DZEL_BUILD_BENCH=ON -DZEL_NODE_ADDON_API_DIR="$napi_dir" >/dev/null
 cmake --build --preset release -j "$(nproc)" --target zelbridge zelbench_module zelbench_napi xinject xreader format_bench
-if cmake --build --preset release --target help | grep -q '\bcom_bench\b'; then
+targets=$(cmake --build --preset release --target help)
+if grep -q '\bcom_bench\b' <<<"$targets"; then
   cmake --build --preset release -j "$(nproc)" --target com_bench
 fi
 
