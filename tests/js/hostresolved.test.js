@@ -53,6 +53,26 @@ test('the host-resolved build records no library', () => {
   }
 });
 
+/** The symbols that `file` needs from the process (strong undefined dynamic symbols), as `nm -D` lists them. */
+function undefinedSymbolsOf(file) {
+  const env = { ...process.env };
+  delete env.LD_PRELOAD;
+  const result = spawnSync('nm', ['-D', '--undefined-only', file], { encoding: 'utf8', env });
+  if (result.error) throw new Error(`nm is not available (apt-get install binutils): ${result.error.message}`);
+  assert.equal(result.status, 0, result.stderr);
+  return [...result.stdout.matchAll(/^\s+U (\S+)$/gm)].map((match) => match[1]);
+}
+
+test('the host-resolved build carries its own C++ runtime: it takes only C, V8, node, libuv and X symbols', () => {
+  const needs = undefinedSymbolsOf(hostResolvedPath);
+  assert.ok(needs.includes('XOpenDisplay') && needs.includes('XISelectEvents'), 'Xlib and XInput2 come from the host');
+  assert.ok(needs.includes('uv_async_send') && needs.includes('node_module_register'), 'libuv and node too');
+  // Mangled names may only be V8's and node's; no C++ runtime or unwinder entry may bind to the host's copy.
+  const cxxRuntime = needs.filter((name) => (/^_Z/.test(name) && !/^_ZN(K)?(2v8|4node)/.test(name))
+    || /^_Unwind_|^__gxx_|^__cxa_(?!atexit$|finalize$|thread_atexit_impl$)/.test(name));
+  assert.deepEqual(cxxRuntime, []);
+});
+
 /** Runs `script` in a child node with the display, and with the X libraries preloaded after any preload in force. */
 function runHosted(script, { preloadX = true } = {}) {
   const env = { ...process.env, DISPLAY: display() };
