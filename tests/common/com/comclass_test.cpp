@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -284,6 +285,74 @@ TYPED_TEST(StorageTest, AllocationFailureReportsTheInterfaceCheckInCreateInstanc
     this->recorder.clear();
 }
 
+// What the dying object sees of itself from inside its destructor.
+struct InsideDestructor {
+    uint32_t strongCount = 99;
+    bool weakDead = false;
+    bool weakAcquired = true;
+};
+InsideDestructor g_inside;
+
+void lookAtItselfWhileDying(IProbe& self) {
+    g_inside.strongCount = self.refsCount();
+    IWeakReference* weak = self.getWeakRef();  // a weak reference taken while dying holds the block as usual
+    g_inside.weakDead = weak->isDead();
+    IRefCounted* strong = weak->acquire();
+    g_inside.weakAcquired = strong != nullptr;
+    weak->release();
+}
+
+TYPED_TEST(StorageTest, DestructorSeesItsObjectDeadAndMayUseAWeakReference) {
+    g_inside = InsideDestructor{};
+    ComPtr<IProbe> probe = common::com::createInstance<TypeParam, IProbe>(1, true, &lookAtItselfWhileDying);
+    probe.release();
+    EXPECT_EQ(g_inside.strongCount, 0u);
+    EXPECT_TRUE(g_inside.weakDead);
+    EXPECT_FALSE(g_inside.weakAcquired);
+    EXPECT_EQ(journal().events(), (Strings{"dtor", "free"}));
+    EXPECT_EQ(this->allocator->liveBlocks(), 0u);
+    EXPECT_EQ(this->allocator->faults(), 0u);
+}
+
+TYPED_TEST(StorageTest, LastReleaseFromAnotherHandleAfterCopies) {
+    ComPtr<IProbe> first = common::com::createInstance<TypeParam, IProbe>(1, true);
+    ComPtr<IProbe> second = first;
+    IWeakReference* weak = first->getWeakRef();
+    IRefCounted* third = weak->acquire();
+    weak->release();
+    EXPECT_EQ(refs(first.get()), 3u);
+    first.release();
+    third->release();
+    EXPECT_EQ(this->destroyed(), 0);
+    EXPECT_EQ(this->allocator->liveBlocks(), 1u);
+    second.release();
+    EXPECT_EQ(journal().events(), (Strings{"dtor", "free"}));
+    EXPECT_EQ(this->allocator->liveBlocks(), 0u);
+}
+
+// A strong release too many, made on the shared state of a dead object that a weak reference still holds.
+TYPED_TEST(StorageTest, StrongReleaseOfADeadObjectReportsAndDropsTheBlock) {
+    struct alignas(16) Area {
+        unsigned char bytes[TestFixture::kBlockSize];
+    } area;
+    ComPtr<IProbe> probe = common::com::createInstanceInplace<TypeParam, IProbe>(area);
+    auto& state = TestFixture::Storage::sharedState(*static_cast<TypeParam*>(probe.get()));
+    IWeakReference* weak = probe->getWeakRef();
+    probe.release();
+    ASSERT_TRUE(weak->isDead());
+
+    state.releaseInstanceRef();  // nobody holds a strong reference: the count goes below zero
+
+    const auto reports = this->recorder.reports();
+    ASSERT_EQ(reports.size(), 2u);
+    expectReport(reports[0], std::is_same_v<typename TestFixture::RC, common::ConcurrentRC> ? "prev > 0" : "m_counter > 0",
+                 "removeRef", comtest::kRefCountedFile);
+    // The weak reference's hold on the block went with it.
+    expectReport(reports[1], "m_instanceRC.noRefs()", "releaseStorageRef", kComClassFile);
+    this->recorder.clear();
+    EXPECT_EQ(this->destroyed(), 1);
+}
+
 // A state built by hand, to reach the checks that creation itself never fails.
 template <typename RC>
 struct alignas(16) StateArea {
@@ -328,6 +397,24 @@ class ThrowingProbe final : public comtest::ProbeBase {
 public:
     ThrowingProbe() : ProbeBase(0) { throw std::runtime_error("constructor failed"); }
 };
+
+TEST(StrictStorageTest, ForeignThreadReportsTheOwnerCheckOfEachCount) {
+    FailureRecorder recorder;
+    ComPtr<IProbe> probe = common::com::createInstance<StrictProbe, IProbe>(1);
+    std::thread([&] {
+        probe->addRef();
+        probe->release();
+    }).join();
+    EXPECT_EQ(probe->refsCount(), 1u);
+    const auto reports = recorder.reports();
+    constexpr const char* kOwnerCheck = "m_ownerThreadId == std::this_thread::get_id()";
+    // The strong count and the block count are both checked, in that order, by each operation.
+    ASSERT_EQ(reports.size(), 4u);
+    expectReport(reports[0], kOwnerCheck, "addRef", comtest::kRefCountedFile);
+    expectReport(reports[1], kOwnerCheck, "addRef", comtest::kRefCountedFile);
+    expectReport(reports[2], kOwnerCheck, "removeRef", comtest::kRefCountedFile);
+    expectReport(reports[3], kOwnerCheck, "removeRef", comtest::kRefCountedFile);
+}
 
 TEST(StorageThrowTest, ThrowingConstructorPropagatesAndLeavesTheBlock) {
     FailureRecorder recorder;

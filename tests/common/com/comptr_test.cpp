@@ -181,7 +181,7 @@ ComPtr<IProbe> g_reentered;
 bool g_emptyInDestructor = false;
 int g_destructorRuns = 0;
 
-void reenterHandle() {
+void reenterHandle(IProbe&) {
     ++g_destructorRuns;
     g_emptyInDestructor = !g_reentered;
     g_reentered.release();  // must be a no-op: the handle was cleared before the object was released

@@ -321,13 +321,13 @@ private:
 };
 
 /// The concrete probe, for any count policy. Its destructor notes "dtor" in the journal when asked to and
-/// runs an optional hook (used to re-enter handles from inside a destructor).
+/// runs an optional hook with the dying object (used to re-enter handles and counts from inside a destructor).
 template <typename RC>
 class ProbeImpl final : public ProbeBase {
     COMMON_COM_CLASS(ProbeImpl, RC, ProbeBase)
 
 public:
-    explicit ProbeImpl(int value = 0, bool noteInJournal = false, void (*onDestroy)() = nullptr)
+    explicit ProbeImpl(int value = 0, bool noteInJournal = false, void (*onDestroy)(IProbe&) = nullptr)
         : ProbeBase(value), m_noteInJournal(noteInJournal), m_onDestroy(onDestroy) {
         probeStats().constructed.fetch_add(1);
     }
@@ -336,14 +336,14 @@ public:
         if (m_noteInJournal)
             journal().note("dtor");
         if (m_onDestroy)
-            m_onDestroy();
+            m_onDestroy(*this);
     }
 
     uint64_t padding[3] = {};  // makes the object larger than its bases, so block sizes are telling
 
 private:
     bool m_noteInJournal;
-    void (*m_onDestroy)();
+    void (*m_onDestroy)(IProbe&);
 };
 
 using SingleProbe = ProbeImpl<common::SingleThreadRC>;

@@ -40,7 +40,7 @@ public:
             return;
         }
         for (int spins = 0; m_sense.load() == sense; ++spins) {
-            if (spins > 64)
+            if (spins > 4096)
                 std::this_thread::yield();
         }
     }
@@ -192,6 +192,7 @@ TEST(ConcurrentCountStressTest, TryAddRefRacingTheLastRemoveRefNeverRevives) {
     std::thread remover([&] {
         for (int i = 0; i < kPairs; ++i) {
             barrier.arriveAndWait();
+            jitter(i, 0, 2048);
             removeResult = count.removeRef();
             barrier.arriveAndWait();
         }
@@ -199,6 +200,7 @@ TEST(ConcurrentCountStressTest, TryAddRefRacingTheLastRemoveRefNeverRevives) {
     std::thread adder([&] {
         for (int i = 0; i < kPairs; ++i) {
             barrier.arriveAndWait();
+            jitter(i, 1, 2048);
             const bool added = common::tryAddRef(count);
             barrier.arriveAndWait();
             // Both are done: either the add came first (the removal saw 2, one reference is left) or the count
