@@ -21,7 +21,11 @@ ComPtr<Allocator>& defaultSlot() {
 
 ComPtr<Allocator> crtAllocator() {
     static ComPtr<CrtAllocator> instance = com::createInstanceSingleton<CrtAllocator, CrtAllocator>();
-    return ComPtr<Allocator>(instance);
+    // The class is known (and final) here: add the reference directly and convert at compile time rather than
+    // through `as`; the result is the same, a new reference to the same object.
+    CrtAllocator* allocator = instance.get();
+    allocator->addRef();
+    return ComPtr<Allocator>(com::TakeOwnership<Allocator>(com::cast<Allocator>(*allocator)));
 }
 
 ComPtr<Allocator> defaultAllocator() {
