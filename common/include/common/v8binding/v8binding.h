@@ -193,6 +193,32 @@ private:
     std::optional<v8::Persistent<v8::Object>> m_weakRef;
 };
 
+}  // namespace common::js
+
+namespace common::js_internal {
+
+/// The wrapper template of `T` (its methods, one internal field), made once per isolate and kept. V8 keeps every
+/// function it instantiates from an API function template for the life of the context, so a new template per
+/// wrapper would keep a new set of method functions (some 4 KiB) per wrapped object for ever. The cache is per
+/// thread and remembers its isolate: an isolate runs on one thread at a time, and a host thread runs one isolate
+/// in its life (the main thread; one thread per Worker).
+template <typename T>
+v8::Local<v8::ObjectTemplate> wrapperTemplate(v8::Isolate* isolate) {
+    thread_local v8::Isolate* templateIsolate = nullptr;
+    thread_local v8::Eternal<v8::ObjectTemplate> cached;
+    if (templateIsolate != isolate) [[unlikely]] {
+        v8::Local<v8::ObjectTemplate> tmpl = js::getObjectTemplate<T>(isolate);
+        tmpl->SetInternalFieldCount(1);
+        cached.Set(isolate, tmpl);
+        templateIsolate = isolate;
+    }
+    return cached.Get(isolate);
+}
+
+}  // namespace common::js_internal
+
+namespace common::js {
+
 /// Wraps an object reference for script: the wrapper takes over the reference (undefined for a null one).
 template <typename T>
 v8::Local<v8::Value> toValue(v8::Isolate* isolate, ComPtr<T> value) {
@@ -202,8 +228,7 @@ v8::Local<v8::Value> toValue(v8::Isolate* isolate, ComPtr<T> value) {
                       "Return null instance where expected ComPtr<{0}>", typeid(T));
         return v8::Undefined(isolate);
     }
-    v8::Local<v8::ObjectTemplate> tmpl = getObjectTemplate<T>(isolate);
-    tmpl->SetInternalFieldCount(1);
+    v8::Local<v8::ObjectTemplate> tmpl = js_internal::wrapperTemplate<T>(isolate);
     v8::Local<v8::Object> object;
     if (!tmpl->NewInstance(isolate->GetCurrentContext()).ToLocal(&object)) {
         COMMON_LOG_AT(diagnostics::Log::Level::Warning, js_internal::kV8BindingFile, 321,
