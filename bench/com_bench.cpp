@@ -218,12 +218,13 @@ struct Pair {
 
 template <typename Ours, typename Theirs>
 Pair measure(const char* name, double target, Ours&& ours, Theirs&& theirs) {
-    constexpr int kCalls = 200000;
-    constexpr int kRounds = 7;
-    // Interleave the two, so that a change in machine load hits both alike.
+    constexpr int kCalls = 50000;
+    constexpr int kRounds = 3;
+    constexpr int kAlternations = 15;
+    // Interleave the two in short rounds and keep the best of each, so that changes in machine load hit both alike.
     double bestOurs = 1e300;
     double bestTheirs = 1e300;
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < kAlternations; ++i) {
         bestOurs = std::min(bestOurs, nanosecondsPerCall(ours, kCalls, kRounds));
         bestTheirs = std::min(bestTheirs, nanosecondsPerCall(theirs, kCalls, kRounds));
     }
