@@ -246,7 +246,9 @@ private:
     template <typename T>
     static IRefCounted* acquire__(void* object) {
         IRefCounted* refCounted = com::cast<IRefCounted>(*static_cast<T*>(object));
-        COMMON_CHECK_AT(kComClassFile, __LINE__, refCounted, "Runtime cast (%1) -> IRefCounted failed", typeid(T));
+        // Reported as the call operator of the acquire callable this function stands for.
+        COMMON_CHECK_IN("operator()", kComClassFile, __LINE__, refCounted, "Runtime cast (%1) -> IRefCounted failed",
+                        typeid(T));
         return refCounted;
     }
     template <typename T>
