@@ -25,18 +25,9 @@ template <typename RC>
 class ComClassStorage;
 
 /// The control block in front of every object: strong and weak counts, the block's allocator and size.
-///
-/// `m_stateRC` counts the references to the block. With the single-thread policies that is one per strong
-/// reference plus one per weak reference. With the concurrent policy all strong references together hold one
-/// block reference, taken when the strong count leaves 0 and dropped when it returns to 0 (the way shared_ptr
-/// counts its weak side): a handle copy then costs one atomic instruction instead of two, and the last release of
-/// an object that nobody else can reach costs none. Strong counts, the moments of destruction and of the free, and
-/// the checks that any use (or any strong-count misuse) triggers are the same either way; only a weak reference
-/// released more often than it was taken, while several strong references exist, frees the block sooner.
+/// `m_stateRC` counts the references to the block, one per strong reference plus one per weak reference.
 template <typename RC>
 class alignas(kBlockAlignment) ComClassSharedState final : public IWeakReference {
-    static constexpr bool kOneBlockRefForAllStrongRefs = std::is_same_v<RC, ConcurrentRC>;
-
 public:
     ComClassSharedState(ComPtr<Allocator> allocator, IRefCounted* (*acquire)(void*), void (*destructor)(void*),
                         uint64_t size)
@@ -46,26 +37,13 @@ public:
     }
 
     void addInstanceRef() {
-        const uint32_t before = m_instanceRC.addRef();
-        if (!kOneBlockRefForAllStrongRefs || before == 0)
-            m_stateRC.addRef();
+        m_instanceRC.addRef();
+        m_stateRC.addRef();
     }
     void releaseInstanceRef() {
-        if constexpr (kOneBlockRefForAllStrongRefs) {
-            // The caller's is the only strong reference and there is no weak one: no other thread can reach the
-            // counts, so they are dropped without read-modify-writes.
-            if (m_stateRC.isSole() && m_instanceRC.isSole()) {
-                m_instanceRC.dropSole();
-                m_destructor(instance());
-                releaseStorageRef();
-                return;
-            }
-        }
-        const uint32_t before = m_instanceRC.removeRef();
-        if (before == 1)
+        if (m_instanceRC.removeRef() == 1)
             m_destructor(instance());
-        if (!kOneBlockRefForAllStrongRefs || before <= 1)
-            releaseStorageRef();
+        releaseStorageRef();
     }
     IWeakReference* acquireWeakRef() {
         m_stateRC.addRef();
@@ -78,8 +56,7 @@ public:
     IRefCounted* acquire() override {
         if (!tryAddRef(m_instanceRC))
             return nullptr;
-        if constexpr (!kOneBlockRefForAllStrongRefs)
-            m_stateRC.addRef();
+        m_stateRC.addRef();
         return m_acquire(instance());
     }
     bool isDead() const override {
@@ -89,7 +66,7 @@ public:
 
     /// Drops one reference to the block; the last one destroys the state and frees the block.
     void releaseStorageRef() {
-        if (removeStorageRef() != 1)
+        if (m_stateRC.removeRef() != 1)
             return;
         COMMON_CHECK_AT(kComClassFile, __LINE__, m_stateRC.noRefs());
         COMMON_CHECK_AT(kComClassFile, __LINE__, m_instanceRC.noRefs());
@@ -103,17 +80,6 @@ public:
 
 private:
     void* instance() { return ComClassStorage<RC>::instancePtr(*this); }
-
-    /// `m_stateRC.removeRef()`; the caller's sole reference (see `ConcurrentRC::isSole`) goes without one.
-    uint32_t removeStorageRef() {
-        if constexpr (kOneBlockRefForAllStrongRefs) {
-            if (m_stateRC.isSole()) {
-                m_stateRC.dropSole();
-                return 1;
-            }
-        }
-        return m_stateRC.removeRef();
-    }
 
     ComPtr<Allocator> m_allocator;
     IRefCounted* (*m_acquire)(void*);

@@ -91,11 +91,6 @@ struct ConcurrentRC {
         return prev;
     }
     bool noRefs() const { return m_counter.load() == 0; }
-    /// True when the count is exactly 1. For a caller that owns a reference this means it owns the only one, so
-    /// no other thread can change the count any more (the load sees everything done before the others' releases).
-    bool isSole() const { return m_counter.load() == 1; }
-    /// Drops the sole reference (see `isSole`) with a plain store instead of a read-modify-write.
-    void dropSole() { m_counter.store(0, std::memory_order_relaxed); }
     /// Increments unless the count is 0; never revives a dead count.
     bool tryAddRef() {
         uint32_t value = m_counter.load();
