@@ -71,11 +71,12 @@ function isZombie(pid) {
   }
 }
 
-/** The display of a server that is not running (started, then stopped). */
+/** A display with no server: a number far above the fixture's range, with no socket and no lock file. */
 function deadDisplay() {
-  const server = startServer();
-  server.stop();
-  return server.display;
+  for (let n = 6000; n < 7000; ++n) {
+    if (!fs.existsSync(`/tmp/.X11-unix/X${n}`) && !fs.existsSync(`/tmp/.X${n}-lock`)) return `:${n}`;
+  }
+  throw new Error('no free display number');
 }
 
 /**
