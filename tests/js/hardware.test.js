@@ -176,6 +176,8 @@ test('a relative move of (5, 3) gives one motion record at the pointer position 
     // The position is read per event.
     await injector.run('move -3 -1');
     const between = await injector.position();
+    // The reader asks for the position when it reads the event: let it read this one before the next move.
+    assert.ok(await waitFor(() => seen.length >= 2));
     await injector.run('move -2 -2');
     const after = await injector.position();
     assert.ok(await waitFor(() => seen.length >= 3));
