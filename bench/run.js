@@ -136,14 +136,20 @@ function callBench() {
 
 // ---- the table ----
 
+/** `value.toFixed(digits)` without a negative zero. */
+const fixed = (value, digits) => {
+  const text = value.toFixed(digits);
+  return /^-0\.?0*$/.test(text) ? text.slice(1) : text;
+};
+
 const fmt = {
-  us: (v) => (Number.isFinite(v) ? `${v.toFixed(1)} µs` : 'n/a'),
-  ns: (v) => (Number.isFinite(v) ? `${v.toFixed(1)} ns` : 'n/a'),
-  ms: (v) => (Number.isFinite(v) ? `${v.toFixed(1)} ms` : 'n/a'),
+  us: (v) => (Number.isFinite(v) ? `${fixed(v, 1)} µs` : 'n/a'),
+  ns: (v) => (Number.isFinite(v) ? `${fixed(v, 1)} ns` : 'n/a'),
+  ms: (v) => (Number.isFinite(v) ? `${fixed(v, 1)} ms` : 'n/a'),
   pct: (v) => (Number.isFinite(v) ? `${(v * 100).toFixed(1)} %` : 'n/a'),
   rate: (v) => (Number.isFinite(v) ? `${Math.round(v).toLocaleString('en-US')} /s` : 'n/a'),
-  kib: (v) => (Number.isFinite(v) ? `${(v / 1024).toFixed(1)} KiB` : 'n/a'),
-  mib: (v) => (Number.isFinite(v) ? `${(v / 1048576).toFixed(1)} MiB` : 'n/a'),
+  kib: (v) => (Number.isFinite(v) ? `${fixed(v / 1024, 1)} KiB` : 'n/a'),
+  mib: (v) => (Number.isFinite(v) ? `${fixed(v / 1048576, 1)} MiB` : 'n/a'),
   ratio: (v) => (Number.isFinite(v) ? v.toFixed(2) : '—'),
 };
 
