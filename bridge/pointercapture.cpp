@@ -113,8 +113,13 @@ PointerCaptureImpl::PointerCaptureImpl(common::ComPtr<RawInputDriver> driver) : 
 }
 
 PointerCaptureImpl::~PointerCaptureImpl() {
-    if (m_async)
+    if (m_async) {
+        // node finds the environment through the entered context, and a collection started by an allocation in
+        // compiled code runs the wrapper's weak callback (and so this destructor) with no context entered.
+        v8::HandleScope handleScope(m_isolate);
+        v8::Context::Scope contextScope(m_context.Get(m_isolate));
         node::RemoveEnvironmentCleanupHook(m_isolate, &PointerCaptureImpl::onEnvironmentCleanup, this);
+    }
     releasePointerCapture();
 }
 

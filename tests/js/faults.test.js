@@ -109,8 +109,8 @@ function startChild(script, display, options = {}) {
       while (!output[stream].includes(text) && !exited && Date.now() < end) await sleep(5);
       return output[stream].includes(text);
     },
-    kill() {
-      if (!exited) child.kill('SIGKILL');
+    kill(signal = 'SIGKILL') {
+      if (!exited) child.kill(signal);
     },
   };
 }
@@ -345,6 +345,45 @@ test('callbacks that throw on every record: delivery goes on, every record arriv
     assert.equal(seen.uncaught, 0, 'nothing reaches uncaughtException');
     assert.equal(seen.moves, moves, describe(result));
     assert.equal(seen.buttons, 2 * clicks, describe(result));
+    assert.equal(result.stdout, 'Native: capture pointer\nPointer capture released\n', describe(result));
+  } finally {
+    child.kill();
+    server.stop();
+  }
+});
+
+test('a running capture dropped and collected by an allocation-started collection: its reader is released', async () => {
+  const server = startServer();
+  // No gc() call, and nothing that watches the wrapper (a WeakRef or a FinalizationRegistry changes when it is
+  // collected): the collection comes from allocations in compiled code, which run it with no context entered.
+  // The child churns until this process sees the native release on its standard output and ends it.
+  const child = startChild(`
+    ${prelude}
+    // Garbage that lives across turns, so that it is promoted and the old generation fills until a full
+    // collection starts from an allocation.
+    let junk = [];
+    const churn = () => setInterval(() => {
+      junk = [];
+      for (let i = 0; i < 20000; ++i) junk.push({ i });
+    }, 1);
+    (() => {
+      const capture = z.hardware.capturePointer();
+      let records = 0;
+      capture.setMotionEventCallback(() => {
+        if (++records > 1) return;
+        say('capturing');
+        setImmediate(churn);
+      });
+      capture.startCapturing();
+    })();
+  `, server.display);
+  try {
+    assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('capturing')), describe(child.output));
+    assert.ok(await child.waitFor('stdout', 'Pointer capture released'), describe(child.output));
+    await sleep(100);
+    child.kill('SIGTERM');
+    const result = await endOf(child);
+    assert.equal(result.signal, 'SIGTERM', `alive until ended here\n${describe(result)}`);
     assert.equal(result.stdout, 'Native: capture pointer\nPointer capture released\n', describe(result));
   } finally {
     child.kill();
