@@ -62,7 +62,7 @@ std::string format__(std::basic_string_view<CharT> format, const Args&... args) 
 
 namespace common {
 
-/// Renders `format`, replacing "{N[:spec]}" (0-based) and "%N" (1-based) placeholders by the arguments.
+/// Renders `format`, replacing "{N[:specifiers]}" (0-based) and "%N" (1-based) placeholders by the arguments.
 /// Malformed placeholders never fail: they render as "()", "ERROR:(...)" or stay literal.
 template <typename... Args>
 std::string format(std::string_view format, const Args&... args) {
