@@ -62,6 +62,13 @@ function buildDir() {
   return dir;
 }
 
+/** The environment of the helper programs (bash, Xvfb, xinject, ss): without a sanitizer runtime preloaded for node. */
+const toolEnv = (() => {
+  const env = { ...process.env };
+  delete env.LD_PRELOAD;
+  return env;
+})();
+
 // ---- the workload (child process) ----
 
 const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
@@ -94,7 +101,7 @@ function xConnections() {
     const fields = line.trim().split(/\s+/);
     if (fields.length >= 8) names.set(fields[6], fields[7]);
   }
-  const ss = spawnSync('ss', ['-x', '-a', '-n', '-H'], { encoding: 'utf8' });
+  const ss = spawnSync('ss', ['-x', '-a', '-n', '-H'], { encoding: 'utf8', env: toolEnv });
   if (ss.status !== 0) return NaN;
   let count = 0;
   for (const line of ss.stdout.split('\n')) {
@@ -137,7 +144,7 @@ async function snapshot(label) {
 
 /** An xinject in script mode: `send(lines)` writes the lines plus "sync" and resolves on its "ok". */
 function scriptInjector(xinject, display) {
-  const child = spawn(xinject, ['-d', display, 'script'], { stdio: ['pipe', 'pipe', 'inherit'] });
+  const child = spawn(xinject, ['-d', display, 'script'], { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv });
   const waiting = [];
   let buffer = '';
   child.stdout.setEncoding('utf8').on('data', (chunk) => {
@@ -324,11 +331,11 @@ async function child() {
 function startServer() {
   const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'zel-soak-'));
   const fixture = path.join(repoDir, 'scripts', 'xvfb-fixture.sh');
-  const display = execFileSync('bash', [fixture, 'start', dir], { encoding: 'utf8' }).trim();
+  const display = execFileSync('bash', [fixture, 'start', dir], { encoding: 'utf8', env: toolEnv }).trim();
   return {
     display,
     stop() {
-      spawnSync('bash', [fixture, 'stop', dir]);
+      spawnSync('bash', [fixture, 'stop', dir], { env: toolEnv });
       fs.rmSync(dir, { recursive: true, force: true });
     },
   };
