@@ -64,7 +64,8 @@ function parseGyp(text) {
     const m = /^(-?\d+|True|False|None)/.exec(text.slice(i, i + 32));
     if (!m) fail('unexpected text');
     i += m[0].length;
-    return { True: true, False: false, None: null }[m[0]] ?? Number(m[0]);
+    const constants = { True: true, False: false, None: null };
+    return m[0] in constants ? constants[m[0]] : Number(m[0]);
   };
   const result = value();
   skip();

