@@ -37,10 +37,11 @@ function differences(record, running) {
 }
 
 /** The command that rebuilds the module for the running process. */
+const isInstalled = () => path.basename(path.dirname(packageDir)) === 'node_modules';
+
 function rebuildCommand(proc = process) {
-  const parent = path.dirname(packageDir);
-  const installed = path.basename(parent) === 'node_modules';
-  const where = installed ? path.dirname(parent) : packageDir;
+  const installed = isInstalled();
+  const where = installed ? path.resolve(packageDir, '..', '..') : packageDir;
   const base = installed ? 'npm rebuild zelbridge' : 'npm run build';
   const running = runningRuntime(proc);
   let knobs = '';
@@ -74,7 +75,12 @@ function findModule(env = process.env, proc = process) {
     refused.push(`${file} was built for ${describeBuild(record)}, but this process is ${describeBuild(running)}; ` +
       `it differs in: ${diff.join(', ')}`);
   }
-  const why = refused.length ? refused.join('; ') : `zelbridge.node is not built (looked in ${buildDirs(env).join(', ')})`;
+  let why = refused.join('; ');
+  if (!why) {
+    why = `zelbridge.node is not built (looked in ${buildDirs(env).join(', ')})`;
+    // npm 12 runs a dependency's install script only when the app allows it.
+    if (isInstalled()) why += '; if npm did not run its install script, allow it with "npm approve-scripts zelbridge"';
+  }
   return new Error(`${why}. Build it for this runtime with: ${rebuildCommand(proc)}`);
 }
 

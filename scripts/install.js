@@ -52,7 +52,7 @@ function build() {
   try {
     headers = resolveHeaders();
   } catch (e) {
-    throw new Missing(`${e.message} (the system Node's headers come with "apt-get install libnode-dev")`);
+    throw new Missing(`${e.message} (Debian's Node headers: "apt-get install libnode-dev")`);
   }
   fs.rmSync(buildDir, { recursive: true, force: true });
   fs.mkdirSync(buildDir, { recursive: true });
