@@ -27,14 +27,18 @@ int xrawParseOptions(int argc, char** argv, const char* program, XRawOptions* op
     options->displayName = NULL;
     options->limit = 0;
     options->timeoutMs = 0;
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "-d") == 0 && i + 1 < argc) {
-            options->displayName = argv[++i];
-        } else if (strcmp(argv[i], "-n") == 0 && i + 1 < argc && parseLong(argv[i + 1], &options->limit)) {
-            ++i;
-        } else if (strcmp(argv[i], "-T") == 0 && i + 1 < argc && parseLong(argv[i + 1], &options->timeoutMs)) {
-            ++i;
-        } else {
+    for (int i = 1; i < argc; i += 2) {
+        const char* value = i + 1 < argc ? argv[i + 1] : NULL;
+        int valid = 0;
+        if (value && strcmp(argv[i], "-d") == 0) {
+            options->displayName = value;
+            valid = 1;
+        } else if (value && strcmp(argv[i], "-n") == 0) {
+            valid = parseLong(value, &options->limit);
+        } else if (value && strcmp(argv[i], "-T") == 0) {
+            valid = parseLong(value, &options->timeoutMs);
+        }
+        if (!valid) {
             fprintf(stderr, "usage: %s [-d DISPLAY] [-n N] [-T MS]\n", program);
             return 0;
         }
