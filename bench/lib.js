@@ -1,5 +1,5 @@
 'use strict';
-// Helpers shared by the benchmark scripts: paths, the injector and the reference reader, statistics, CPU times.
+// Helpers shared by the benchmark scripts: paths, the injector and the reference readers, statistics, CPU times.
 const fs = require('node:fs');
 const path = require('node:path');
 const os = require('node:os');
@@ -13,6 +13,7 @@ const paths = {
   napiModule: path.join(buildDir, 'zelbench_napi.node'),
   xinject: path.join(buildDir, 'tools', 'xinject'),
   xreader: path.join(buildDir, 'tools', 'xreader'),
+  xhandoff: path.join(buildDir, 'tools', 'xhandoff'),
   formatBench: path.join(buildDir, 'bench', 'format_bench'),
   comBench: path.join(buildDir, 'bench', 'com_bench'),
 };
@@ -73,7 +74,7 @@ function readSendTimes(file) {
     .map((line) => BigInt(line));
 }
 
-/** Motion lines of xreader's output: [{ t: BigInt ns, dx, dy }]. */
+/** Motion lines of a reference reader's output (xreader, xhandoff): [{ t: BigInt ns, dx, dy }]. */
 function readReaderMotions(file) {
   const motions = [];
   for (const line of fs.readFileSync(file, 'utf8').split('\n')) {
@@ -84,14 +85,17 @@ function readReaderMotions(file) {
 }
 
 /**
- * Starts xreader for `count` events with its output in `file`, under /usr/bin/time for its CPU time and peak
- * resident size; resolves once it reports "# ready".
+ * Starts the reference reader `program` (xreader or xhandoff, same options and output) for `count` events with
+ * its output in `file`; resolves once it reports "# ready". Unless `timed` is false it runs under /usr/bin/time
+ * for its CPU time and peak resident size.
  */
-async function startReader(count, file, timeoutMs) {
+async function startReader(program, count, file, timeoutMs, { timed = true } = {}) {
   const timeFile = `${file}.time`;
+  const readerArgs = [program, '-n', String(count), '-T', String(timeoutMs)];
   const out = fs.openSync(file, 'w');
-  const child = spawn('/usr/bin/time', ['-f', '%U %S %M', '-o', timeFile, paths.xreader, '-n', String(count),
-    '-T', String(timeoutMs)], { stdio: ['ignore', out, 'inherit'] });
+  const child = timed
+    ? spawn('/usr/bin/time', ['-f', '%U %S %M', '-o', timeFile, ...readerArgs], { stdio: ['ignore', out, 'inherit'] })
+    : spawn(readerArgs[0], readerArgs.slice(1), { stdio: ['ignore', out, 'inherit'] });
   fs.closeSync(out);
   const exited = new Promise((resolve, reject) => {
     child.on('error', reject);
@@ -99,13 +103,14 @@ async function startReader(count, file, timeoutMs) {
   });
   const deadline = Date.now() + 10000;
   while (!fs.readFileSync(file, 'utf8').includes('# ready')) {
-    if (Date.now() > deadline) throw new Error('xreader did not become ready');
+    if (Date.now() > deadline) throw new Error(`${path.basename(program)} did not become ready`);
     await sleep(5);
   }
   return {
-    /** Resolves { code, cpuMs, maxRssKiB } once the reader has ended. */
+    /** Resolves { code, cpuMs, maxRssKiB } once the reader has ended (NaN figures when not timed). */
     async done() {
       const code = await exited;
+      if (!timed) return { code, cpuMs: NaN, maxRssKiB: NaN };
       const fields = fs.readFileSync(timeFile, 'utf8').trim().split('\n').pop().split(' ').map(Number);
       return { code, cpuMs: (fields[0] + fields[1]) * 1000, maxRssKiB: fields[2] };
     },
@@ -172,6 +177,7 @@ module.exports = {
   readSendTimes,
   readReaderMotions,
   startReader,
+  percentile,
   latencyStats,
   threadCpuMs,
   threadIds,

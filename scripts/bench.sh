@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # npm run bench: builds the "release" preset (module, tools, benchmarks), starts a private Xvfb, runs every
-# benchmark, prints one table and writes it to bench/results.md. Extra arguments go to bench/run.js
-# (--quick: shortened runs for trying the harness; --out FILE: another Markdown file).
+# benchmark, prints the tables, writes them to bench/results.md and the latency chart to bench/latency.svg. Extra
+# arguments go to bench/run.js (--quick: shortened runs for trying the harness; --out FILE: another Markdown file;
+# --chart FILE: another chart file).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,7 +21,7 @@ fi
 
 napi_dir=$(node -p "require('path').resolve(require('node-addon-api').include_dir)")
 cmake --preset release -DZEL_BUILD_BENCH=ON -DZEL_NODE_ADDON_API_DIR="$napi_dir" >/dev/null
-cmake --build --preset release -j "$(nproc)" --target zelbridge zelbench_module zelbench_napi xinject xreader format_bench
+cmake --build --preset release -j "$(nproc)" --target zelbridge zelbench_module zelbench_napi xinject xreader xhandoff format_bench
 targets=$(cmake --build --preset release --target help)
 if grep -q '\bcom_bench\b' <<<"$targets"; then
   cmake --build --preset release -j "$(nproc)" --target com_bench

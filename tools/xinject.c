@@ -12,7 +12,8 @@
  *
  *   -n N     repeat the command N times (move, click; default 1)
  *   -r RATE  send RATE commands per second (0, the default, sends back to back)
- *   -t       print the CLOCK_MONOTONIC time in nanoseconds of every sent event, one per line
+ *   -t       print the CLOCK_MONOTONIC time in nanoseconds of every sent event (taken right before the request
+ *            is written), one per line
  *   -d NAME  the display to use instead of $DISPLAY
  *
  * Script mode commands (answers go to standard output, flushed at once):
@@ -54,11 +55,14 @@ static void sleepUntil(long long deadline) {
     }
 }
 
-/* Flushes the request just queued and reports its send time when asked. */
+/* Flushes the request just queued and reports its send time when asked: the time before the write, since the
+ * writer can lose the processor to the server and the reader before it takes a time after the write, and an event
+ * must not be read before it was sent. */
 static void sent(Display* display) {
+    const long long at = nowNs();
     XFlush(display);
     if (g_printTimes)
-        printf("%lld\n", nowNs());
+        printf("%lld\n", at);
 }
 
 static int validButton(long button) { return button >= 1 && button <= 7; }
