@@ -12,9 +12,9 @@
 #   # a plain command: tests/with-display.sh exports DISPLAY read from the file, then runs the command
 #   add_test(NAME my_x_test COMMAND ${ZEL_WITH_DISPLAY} ${ZEL_XVFB_DISPLAY_FILE} $<TARGET_FILE:my_x_test>)
 #   set_tests_properties(my_x_test PROPERTIES ${ZEL_XVFB_TEST_PROPERTIES} LABELS "x11")
-#   # discovered GoogleTest cases: the test program reads the file named by ZEL_XVFB_DISPLAY_FILE itself
-#   gtest_discover_tests(my_gtest DISCOVERY_MODE PRE_TEST PROPERTIES ${ZEL_XVFB_TEST_PROPERTIES} LABELS "x11"
-#                        ENVIRONMENT "ZEL_XVFB_DISPLAY_FILE=${ZEL_XVFB_DISPLAY_FILE}")
+#   # GoogleTest cases: the test program reads the file named by ZEL_XVFB_DISPLAY_FILE itself
+#   zel_add_gtest(my_gtest my_gtest.cpp LABELS x11 PROPERTIES ${ZEL_XVFB_TEST_PROPERTIES}
+#                 ENVIRONMENT "ZEL_XVFB_DISPLAY_FILE=${ZEL_XVFB_DISPLAY_FILE}")
 #
 # ZEL_XVFB_TEST_PROPERTIES expands to: FIXTURES_REQUIRED xvfb RESOURCE_LOCK xvfb
 
