@@ -9,7 +9,7 @@
 #include <type_traits>
 
 #include "common/utils/crtallocator.h"
-#include "comtestsupport.h"
+#include "tests/common/com/comtestsupport.h"
 
 namespace {
 
