@@ -1,4 +1,4 @@
-// Tests of the process-wide log, the source-location records and the console writer.
+// Tests of the process-wide log and the console writer.
 #include "common/diagnostics/log.h"
 
 #include <gtest/gtest.h>
@@ -21,14 +21,12 @@ using common::diagnostics::Log;
 using common::diagnostics::LogContext;
 using common::diagnostics::LogInternal;
 using common::diagnostics::SourceInfo;
-using common::diagnostics::SourceInfoPersistent;
 using Clock = std::chrono::system_clock;
 
 static_assert(std::is_same_v<std::underlying_type_t<Log::Level>, int32_t>);
 static_assert(static_cast<int>(Log::Level::Info) == 0);
 static_assert(static_cast<int>(Log::Level::Warning) == 2);
 static_assert(static_cast<int>(Log::Level::Error) == 3);
-static_assert(std::is_trivially_copyable_v<SourceInfo>);
 static_assert(std::is_same_v<Log::Handler,
                              common::FunctorClass<true, void, common::TypeList<Log::Level, LogContext const&, char const*>>>);
 
@@ -242,42 +240,6 @@ TEST_F(LogTest, RemoveHandlerIgnoresItsToken) {
 }
 
 TEST_F(LogTest, InstanceIsASingleton) { EXPECT_EQ(&LogInternal::instance(), &LogInternal::instance()); }
-
-// --- source locations ---
-
-TEST(SourceInfoPersistent, EmptyLocationWithALineIsFalse) {
-    const SourceInfoPersistent location(SourceInfo{"", "", 42});
-    EXPECT_FALSE(static_cast<bool>(location));
-    EXPECT_FALSE(static_cast<bool>(SourceInfoPersistent()));
-    EXPECT_FALSE(static_cast<bool>(SourceInfoPersistent("", "", 7)));
-}
-
-TEST(SourceInfoPersistent, FunctionOrFileMakesItTrue) {
-    EXPECT_TRUE(static_cast<bool>(SourceInfoPersistent("f", "", std::nullopt)));
-    EXPECT_TRUE(static_cast<bool>(SourceInfoPersistent("", "../bridge/pointercapture", std::nullopt)));
-    EXPECT_TRUE(static_cast<bool>(SourceInfoPersistent(SourceInfo{"f", "file", 3})));
-}
-
-TEST(SourceInfoPersistent, OwnsItsTextsAndViewsThemBack) {
-    std::string function = "InputClient";
-    std::string file = "../bridge/platform/Linux/rawinputdriver-x11";
-    const SourceInfoPersistent location(SourceInfo{function, file, 12});
-    function.assign(function.size(), '#');
-    file.assign(file.size(), '#');
-    const SourceInfo view = location;
-    EXPECT_EQ(view.function, "InputClient");
-    EXPECT_EQ(view.file, "../bridge/platform/Linux/rawinputdriver-x11");
-    EXPECT_EQ(view.line, std::optional<uint32_t>(12));
-    EXPECT_EQ(view.function.data(), location.function.data());
-    EXPECT_EQ(view.file.data(), location.file.data());
-}
-
-TEST(SourceInfoPersistent, BuiltFromThreeParts) {
-    const SourceInfoPersistent location("acquire", "../common/include/common/com/comptr", std::nullopt);
-    EXPECT_EQ(location.function, "acquire");
-    EXPECT_EQ(location.file, "../common/include/common/com/comptr");
-    EXPECT_FALSE(location.line.has_value());
-}
 
 // --- console output ---
 

@@ -26,8 +26,6 @@ using common::CrtAllocator;
 
 static_assert(std::is_base_of_v<IRefCounted, Allocator>);
 static_assert(std::is_abstract_v<Allocator>);
-static_assert(std::is_same_v<CrtAllocator::ComPolicy__, common::ConcurrentRC>);
-static_assert(std::is_same_v<CrtAllocator::ComInterfaces__, common::TypeList<Allocator>>);
 
 class AllocatorTest : public ::testing::Test {
 protected:
