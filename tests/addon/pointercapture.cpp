@@ -2,11 +2,7 @@
 // emits the records that script stages, so that delivery can be driven without an X server.
 #include <v8.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
-#include <mutex>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -14,12 +10,12 @@
 #include "bridge/component.h"
 #include "bridge/pointercapture.h"
 #include "bridge/pointerevents.h"
-#include "bridge/rawinputdriverbase.h"
 #include "common/com/comclass.h"
 #include "common/com/comptr.h"
 #include "common/meta/classinfo.h"
 #include "common/v8binding/v8binding.h"
 #include "tests/addon/testkit.h"
+#include "tests/bridge/fakerawinputdriver.h"
 
 namespace zel::testkit {
 
@@ -67,86 +63,15 @@ struct FakeDriverStats {
     };
 };
 
-namespace {
-
 using PointerData = RawInputDriver::PointerData;
-
-/// Longest time `emit` waits for the reader before it gives up.
-constexpr auto kEmitTimeout = std::chrono::seconds(10);
-
-/// A platform driver whose reader thread waits for records to emit or for the stop request.
-class FakeDriver final : public RawInputDriverBase {
-    COMMON_COM_CLASS(FakeDriver, common::ConcurrentRC, RawInputDriverBase);
-
-public:
-    void processInput() override {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        ++m_stats.readersStarted;
-        m_stats.reading = true;
-        m_changed.notify_all();
-        for (;;) {
-            m_changed.wait(lock, [&] { return !m_pending.empty() || m_stop; });
-            if (m_stop)
-                break;
-            while (!m_pending.empty()) {
-                const PointerData record = m_pending.front();
-                m_pending.pop_front();
-                lock.unlock();
-                notifyPointerEvent(record);
-                lock.lock();
-                ++m_stats.recordsEmitted;
-            }
-            m_changed.notify_all();
-        }
-        m_stop = false;
-        m_pending.clear();
-        m_stats.reading = false;
-        ++m_stats.readersFinished;
-        m_changed.notify_all();
-    }
-
-    void breakInputProcessing(uint64_t /*threadHandle*/) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stop = true;
-        ++m_stats.breaks;
-        m_changed.notify_all();
-    }
-
-    /// Hands `records` to the reader and waits until it has passed every one of them to the base, that is,
-    /// into the capture's queue. False when no reader runs or it did not finish in time.
-    bool emit(const std::vector<PointerData>& records) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        if (!m_stats.reading)
-            return false;
-        const int32_t target = m_stats.recordsEmitted + static_cast<int32_t>(records.size());
-        m_pending.insert(m_pending.end(), records.begin(), records.end());
-        m_changed.notify_all();
-        return m_changed.wait_for(lock, kEmitTimeout,
-                                  [&] { return m_stats.recordsEmitted >= target || !m_stats.reading; }) &&
-               m_stats.recordsEmitted >= target;
-    }
-
-    FakeDriverStats stats() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_stats;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::deque<PointerData> m_pending;
-    bool m_stop = false;
-    FakeDriverStats m_stats;
-};
-
-}  // namespace
+using zel_test::FakeRawInputDriver;
 
 /// Hands out capture objects over one fake driver, and makes its reader emit staged records.
 class FakeInputComponent final : public Component, private Tracked {
     COMMON_COM_CLASS(FakeInputComponent, common::SingleThreadRC, Component)
 
     FakeInputComponent(v8::Isolate* isolate, v8::Local<v8::Object> object)
-        : m_driver(common::com::createInstance<FakeDriver, RawInputDriver>()) {
+        : m_driver(common::com::createInstance<FakeRawInputDriver, RawInputDriver>()) {
         common::js::bindToObject<FakeInputComponent>(isolate, object);
     }
 
@@ -174,13 +99,16 @@ class FakeInputComponent final : public Component, private Tracked {
     /// reader took every record.
     bool emit() {
         const std::vector<PointerData> records = std::exchange(m_staged, {});
-        return fake().emit(records);
+        return fake().emitAndWait(records);
     }
 
     /// Whether the driver holds a capture.
     bool captured() const { return m_driver->pointerCaptured(); }
 
-    FakeDriverStats stats() const { return fake().stats(); }
+    FakeDriverStats stats() const {
+        const zel_test::FakeDriverCounts counts = fake().counts();
+        return FakeDriverStats{counts.started, counts.finished, counts.breaks, counts.delivered, counts.reading};
+    }
 
     struct ClassAttributes__ {
         using Class = FakeInputComponent;
@@ -197,7 +125,7 @@ class FakeInputComponent final : public Component, private Tracked {
     };
 
 private:
-    FakeDriver& fake() const { return *m_driver->as<FakeDriver*>(); }
+    FakeRawInputDriver& fake() const { return *m_driver->as<FakeRawInputDriver*>(); }
 
     common::ComPtr<RawInputDriver> m_driver;
     std::vector<PointerData> m_staged;

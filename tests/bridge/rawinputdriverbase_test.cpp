@@ -1,14 +1,12 @@
-// Tests of the raw input driver base with a fake platform driver whose reader emits records on demand.
+// Tests of the raw input driver base over a fake platform driver whose reader emits records on demand.
 #include "bridge/rawinputdriverbase.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/resource.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -17,114 +15,13 @@
 
 #include "common/com/comclass.h"
 #include "common/utils/exception.h"
+#include "fakerawinputdriver.h"
 #include "input_test_support.h"
 
 namespace {
 
 using namespace zel_test;
 using zel::RawInputDriver;
-
-/// A platform driver whose reader delivers the records handed to `emit`, and blocks until told to stop.
-/// On stop it delivers one more record, after the base has dropped the callback.
-class FakeDriver final : public zel::RawInputDriverBase {
-    COMMON_COM_CLASS(FakeDriver, common::ConcurrentRC, zel::RawInputDriverBase);
-
-public:
-    void processInput() override {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_readerHandle = static_cast<uint64_t>(pthread_self());
-        ++m_started;
-        m_changed.notify_all();
-        if (m_endAtOnce) {
-            ++m_finished;
-            m_changed.notify_all();
-            return;
-        }
-        for (;;) {
-            m_changed.wait(lock, [&] { return !m_pending.empty() || m_stop; });
-            while (!m_pending.empty()) {
-                const PointerData data = m_pending.front();
-                m_pending.pop_front();
-                lock.unlock();
-                notifyPointerEvent(data);
-                lock.lock();
-                ++m_delivered;
-                m_changed.notify_all();
-            }
-            if (m_stop)
-                break;
-        }
-        lock.unlock();
-        PointerData trailing;
-        trailing.offset = {99, 99};
-        notifyPointerEvent(trailing);
-        lock.lock();
-        m_stop = false;
-        ++m_finished;
-        m_changed.notify_all();
-    }
-
-    void breakInputProcessing(uint64_t threadHandle) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stop = true;
-        m_breakHandle = threadHandle;
-        ++m_breaks;
-        m_changed.notify_all();
-    }
-
-    /// Queues a record for the reader.
-    void emit(const PointerData& data) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_pending.push_back(data);
-        m_changed.notify_all();
-    }
-    /// Waits until the reader has handed over `count` records in all.
-    bool waitDelivered(int count) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, 10s, [&] { return m_delivered >= count; });
-    }
-    bool waitFinished(int count) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, 10s, [&] { return m_finished >= count; });
-    }
-    /// Hands a record to the base on the calling thread.
-    void notifyNow(const PointerData& data) { notifyPointerEvent(data); }
-
-    void endAtOnce() { m_endAtOnce = true; }
-    int breaks() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_breaks;
-    }
-    int started() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_started;
-    }
-    int finished() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_finished;
-    }
-    uint64_t readerHandle() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_readerHandle;
-    }
-    uint64_t breakHandle() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_breakHandle;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::deque<PointerData> m_pending;
-    bool m_stop = false;
-    bool m_endAtOnce = false;
-    int m_delivered = 0;
-    int m_started = 0;
-    int m_finished = 0;
-    int m_breaks = 0;
-    uint64_t m_readerHandle = 0;
-    uint64_t m_breakHandle = 0;
-};
 
 PointerData motion(int x, int y) {
     PointerData data;
@@ -140,9 +37,9 @@ protected:
             driver->releasePointerCapture();
     }
 
-    FakeDriver& fake() { return *driver->as<FakeDriver*>(); }
+    FakeRawInputDriver& fake() { return *driver->as<FakeRawInputDriver*>(); }
 
-    common::ComPtr<RawInputDriver> driver = common::com::createInstance<FakeDriver, RawInputDriver>();
+    common::ComPtr<RawInputDriver> driver = common::com::createInstance<FakeRawInputDriver, RawInputDriver>();
     RecordCollector records;
 };
 
@@ -152,8 +49,8 @@ TEST_F(RawInputDriverBaseTest, ReleaseOnAnIdleDriverDoesNothingAndLogsNothing) {
     driver->releasePointerCapture();
     driver->releasePointerCapture();
     EXPECT_FALSE(driver->pointerCaptured());
-    EXPECT_EQ(fake().breaks(), 0);
-    EXPECT_EQ(fake().started(), 0);
+    EXPECT_EQ(fake().counts().breaks, 0);
+    EXPECT_EQ(fake().counts().started, 0);
     EXPECT_TRUE(log.entries().empty());
 }
 
@@ -180,9 +77,9 @@ TEST_F(RawInputDriverBaseTest, ReleaseBreaksJoinsAndLogsOnce) {
 
     driver->releasePointerCapture();
     EXPECT_FALSE(driver->pointerCaptured());
-    EXPECT_EQ(fake().breaks(), 1);
-    EXPECT_EQ(fake().finished(), 1);  // joined: the reader has returned
-    EXPECT_EQ(fake().breakHandle(), fake().readerHandle());
+    EXPECT_EQ(fake().counts().breaks, 1);
+    EXPECT_EQ(fake().counts().finished, 1);  // joined: the reader has returned
+    EXPECT_EQ(fake().counts().breakHandle, fake().counts().readerHandle);
 
     const auto entries = log.entries();
     ASSERT_EQ(entries.size(), 1u);
@@ -194,7 +91,7 @@ TEST_F(RawInputDriverBaseTest, ReleaseBreaksJoinsAndLogsOnce) {
 
     driver->releasePointerCapture();  // idle again: nothing more
     EXPECT_EQ(log.entries().size(), 1u);
-    EXPECT_EQ(fake().breaks(), 1);
+    EXPECT_EQ(fake().counts().breaks, 1);
 }
 
 TEST_F(RawInputDriverBaseTest, SecondCaptureThrowsAndTheFirstCallbackKeepsReceiving) {
@@ -225,7 +122,7 @@ TEST_F(RawInputDriverBaseTest, SecondCaptureThrowsAndTheFirstCallbackKeepsReceiv
     ASSERT_TRUE(fake().waitDelivered(1));
     EXPECT_EQ(xy(records.records()[0].offset), xy({7, 8}));
     EXPECT_EQ(second.size(), 0u);
-    EXPECT_EQ(fake().started(), 1);  // no second reader
+    EXPECT_EQ(fake().counts().started, 1);  // no second reader
 }
 
 TEST_F(RawInputDriverBaseTest, RecordsAfterTheCallbackWasDroppedAreDiscarded) {
@@ -235,7 +132,7 @@ TEST_F(RawInputDriverBaseTest, RecordsAfterTheCallbackWasDroppedAreDiscarded) {
 
     // The fake reader hands over one more record on its way out, after the callback was dropped.
     driver->releasePointerCapture();
-    ASSERT_EQ(fake().finished(), 1);
+    ASSERT_EQ(fake().counts().finished, 1);
     fake().notifyNow(motion(5, 5));
 
     const auto got = records.records();
@@ -263,8 +160,8 @@ TEST_F(RawInputDriverBaseTest, CaptureCanStartAgainAfterRelease) {
         driver->releasePointerCapture();
         EXPECT_FALSE(driver->pointerCaptured());
     }
-    EXPECT_EQ(fake().started(), 50);
-    EXPECT_EQ(fake().finished(), 50);
+    EXPECT_EQ(fake().counts().started, 50);
+    EXPECT_EQ(fake().counts().finished, 50);
     EXPECT_EQ(records.size(), 50u);
 }
 
@@ -342,10 +239,10 @@ TEST_F(RawInputDriverBaseTest, FailureToStartTheReaderLeavesTheCaptureInertAndLo
     EXPECT_EQ(entries[0].level, 3);
     EXPECT_EQ(entries[0].function, "capturePointer");
     EXPECT_EQ(entries[0].file, "../bridge/rawinputdriverbase");
-    EXPECT_EQ(fake().started(), 0);
+    EXPECT_EQ(fake().counts().started, 0);
 
     driver->releasePointerCapture();  // nothing to stop: no break, no log
-    EXPECT_EQ(fake().breaks(), 0);
+    EXPECT_EQ(fake().counts().breaks, 0);
     EXPECT_EQ(log.entries().size(), 1u);
 
     driver->capturePointer(records.callback());  // a later capture works
