@@ -11,7 +11,7 @@
 
 #include "bridge/platform/Linux/mousetool-linux.h"
 #include "common/utils/exception.h"
-#include "input_test_support.h"
+#include "tests/bridge/input_test_support.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "bridge/platform/Linux/mousetool-linux.h"
 #include "bridge/rawinputdriver.h"
-#include "input_test_support.h"
+#include "tests/bridge/input_test_support.h"
 
 namespace {
 
