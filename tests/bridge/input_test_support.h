@@ -1,8 +1,9 @@
-// Helpers of the pointer input tests: record and log collectors, a hang watchdog, the test display and the
-// XTest injector process.
+// Helpers of the pointer input tests: record and log collectors, a hang watchdog, the test display, the
+// XTest injector process and the fixture of the tests that use both.
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/types.h>
@@ -348,5 +349,28 @@ private:
     int m_out = -1;
     std::string m_buffer;
 };
+
+#ifdef ZEL_XINJECT_PATH
+/// Base of the tests against the test display: skips without one, starts the injector (ZEL_XINJECT_PATH)
+/// and lets go of every button afterwards.
+class InjectorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!useTestDisplay())
+            GTEST_SKIP() << "no test display: run under the xvfb fixture or scripts/xvfb-run.sh";
+        injector = std::make_unique<Injector>(ZEL_XINJECT_PATH);
+        injector->sync();
+    }
+    void TearDown() override {
+        if (!injector)
+            return;
+        for (int button = 1; button <= 7; ++button)
+            injector->release(button);
+        injector->sync();
+    }
+
+    std::unique_ptr<Injector> injector;
+};
+#endif
 
 }  // namespace zel_test

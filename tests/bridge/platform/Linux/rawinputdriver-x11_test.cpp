@@ -1,4 +1,4 @@
-// Tests of the X11 raw input driver and the button state query against the test Xvfb, driven by xinject.
+// Tests of the X11 raw input driver against the test Xvfb, driven by xinject.
 #include "bridge/platform/Linux/rawinputdriver-x11.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "bridge/platform/Linux/mousetool-linux.h"
 #include "common/utils/exception.h"
 #include "tests/bridge/input_test_support.h"
 
@@ -17,29 +16,18 @@ namespace {
 
 using namespace zel_test;
 using zel::ButtonEvent;
-using zel::MouseButton;
 using zel::RawInputDriver;
 
 #ifndef ZEL_XINJECT_PATH
 #error "ZEL_XINJECT_PATH must name the xinject tool"
 #endif
 
-class XRawInputDriverTest : public ::testing::Test {
+class XRawInputDriverTest : public InjectorTest {
 protected:
-    void SetUp() override {
-        if (!useTestDisplay())
-            GTEST_SKIP() << "no test display: run under the xvfb fixture or scripts/xvfb-run.sh";
-        injector = std::make_unique<Injector>(ZEL_XINJECT_PATH);
-        injector->sync();
-    }
     void TearDown() override {
         if (driver)
             driver->releasePointerCapture();
-        if (injector) {
-            for (int button = 1; button <= 7; ++button)
-                injector->release(button);
-            injector->sync();
-        }
+        InjectorTest::TearDown();
     }
 
     /// Captures and waits until the reader receives events: clicks of button 7 (records with every field 0)
@@ -61,7 +49,6 @@ protected:
 
     common::ComPtr<RawInputDriver> driver = RawInputDriver::create();
     RecordCollector records;
-    std::unique_ptr<Injector> injector;
 };
 
 TEST_F(XRawInputDriverTest, CreateGivesADriverWithoutCapture) {
@@ -223,42 +210,6 @@ TEST_F(XRawInputDriverTest, DroppingTheLastReferenceStopsTheReader) {
     Watchdog watchdog("destruction of a reading driver", 60s);
     captureAndWaitUntilReading();
     driver = nullptr;
-}
-
-TEST_F(XRawInputDriverTest, ButtonStateFollowsHeldButtons) {
-    for (MouseButton button : {MouseButton::Left, MouseButton::Middle, MouseButton::Right})
-        EXPECT_FALSE(zel::MouseTool::getButtonState(button));
-
-    injector->press(1);
-    injector->sync();
-    EXPECT_TRUE(zel::MouseTool::getButtonState(MouseButton::Left));
-    EXPECT_FALSE(zel::MouseTool::getButtonState(MouseButton::Middle));
-    EXPECT_FALSE(zel::MouseTool::getButtonState(MouseButton::Right));
-    injector->release(1);
-    injector->sync();
-    EXPECT_FALSE(zel::MouseTool::getButtonState(MouseButton::Left));
-
-    injector->press(2);
-    injector->sync();
-    EXPECT_TRUE(zel::MouseTool::getButtonState(MouseButton::Middle));
-    EXPECT_FALSE(zel::MouseTool::getButtonState(MouseButton::Left));
-    injector->release(2);
-    injector->sync();
-    EXPECT_FALSE(zel::MouseTool::getButtonState(MouseButton::Middle));
-}
-
-TEST_F(XRawInputDriverTest, ButtonStateOfOtherValuesIsTheRightButton) {
-    EXPECT_FALSE(zel::MouseTool::getButtonState(static_cast<MouseButton>(5)));
-    injector->press(3);
-    injector->sync();
-    EXPECT_TRUE(zel::MouseTool::getButtonState(MouseButton::Right));
-    EXPECT_TRUE(zel::MouseTool::getButtonState(static_cast<MouseButton>(5)));
-    EXPECT_TRUE(zel::MouseTool::getButtonState(static_cast<MouseButton>(7)));
-    EXPECT_FALSE(zel::MouseTool::getButtonState(MouseButton::Left));
-    injector->release(3);
-    injector->sync();
-    EXPECT_FALSE(zel::MouseTool::getButtonState(static_cast<MouseButton>(5)));
-    EXPECT_FALSE(zel::MouseTool::getButtonState(static_cast<MouseButton>(7)));
 }
 
 }  // namespace
