@@ -1,4 +1,4 @@
-// Tests of runtime checks and the failure-handler slot (with a handler installed; see death_test.cpp for none).
+// Tests of runtime checks and the failure-handler slot (with a handler installed; see runtimecheck_death_test.cpp for none).
 #include "common/diagnostics/runtimecheck.h"
 
 #include <gtest/gtest.h>
