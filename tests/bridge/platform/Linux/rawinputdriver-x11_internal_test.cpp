@@ -181,27 +181,4 @@ TEST(RawButtonTest, WheelAndExtraButtonsSetNothing) {
     }
 }
 
-TEST(PointerDataTest, StartsAllZeroAndSplitsIntoMotionAndButtons) {
-    PointerData data;
-    EXPECT_EQ(data.offset.x, 0);
-    EXPECT_EQ(data.offset.y, 0);
-    EXPECT_EQ(data.screenPoint.x, 0);
-    EXPECT_EQ(data.screenPoint.y, 0);
-    EXPECT_EQ(data.left, ButtonEvent::None);
-
-    data.offset = {5, -3};
-    data.screenPoint = {100, 200};
-    data.middle = ButtonEvent::Pressed;
-    const zel::MotionEventData motion = data.motion();
-    const zel::ButtonsEventData buttons = data.buttons();
-    EXPECT_EQ(motion.offset.x, 5);
-    EXPECT_EQ(motion.offset.y, -3);
-    EXPECT_EQ(motion.screenPoint.x, 100);
-    EXPECT_EQ(motion.screenPoint.y, 200);
-    EXPECT_EQ(buttons.left, ButtonEvent::None);
-    EXPECT_EQ(buttons.middle, ButtonEvent::Pressed);
-    EXPECT_EQ(buttons.right, ButtonEvent::None);
-    EXPECT_EQ(sizeof(PointerData), 28u);
-}
-
 }  // namespace
