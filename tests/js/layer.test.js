@@ -6,6 +6,9 @@
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const events = require('node:events');
+const fs = require('node:fs');
+const path = require('node:path');
+const { spawn } = require('node:child_process');
 const {
   indexPath, runChild, describe, sleep, tick, xinjectPath, useTestDisplay, waitFor, Injector, streamMoves,
 } = require('./support');
@@ -409,6 +412,37 @@ test('a listener that throws: every listener, itself included, gets every record
     pointer.off('motion', onBefore).off('motion', onThrowing).off('motion', onAfter);
     pointer.off('buttons', onRejecting).off('buttons', onThrowingValue).off('error', onError);
     process.off('warning', onWarning);
+  }
+});
+
+test("README's first example runs as written, from CommonJS and from an ES module", { timeout: 120000 }, async () => {
+  const root = path.dirname(indexPath);
+  const readme = fs.readFileSync(path.join(root, 'README.md'), 'utf8');
+  const example = /```js\n([\s\S]*?)```/.exec(readme.slice(readme.indexOf('## Script API')))[1];
+  const [requireLine, importComment] = example.split('\n');
+  assert.match(requireLine, /require\('zelbridge'\)/);
+  const asModule = example.replace(requireLine, importComment.replace('// As an ES module: ', ''));
+  for (const args of [['-e', example], ['--input-type=module', '-e', asModule]]) {
+    // In the package's directory, where 'zelbridge' names the package itself.
+    const child = spawn(process.execPath, args, { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
+    let out = '';
+    child.stdout.on('data', (chunk) => { out += chunk; });
+    child.stderr.on('data', (chunk) => { out += chunk; });
+    const exited = new Promise((resolve) => child.once('exit', (code, signal) => resolve({ code, signal })));
+    try {
+      const end = Date.now() + 20000;
+      while (!/moved by \(1, 1\)/.test(out)) {
+        assert.ok(Date.now() < end, `the example receives input\n${out}`);
+        await injector.run('move 1 1', 'move -1 -1');
+        await sleep(10);
+      }
+      await injector.run('click 1');
+      assert.deepEqual(await exited, { code: 0, signal: null }, out);
+    } finally {
+      child.kill('SIGKILL');
+    }
+    assert.match(out, /^moved by \(-1, -1\) to \(\d+, \d+\)$/m);
+    assert.match(out, /^left button pressed$/m);
   }
 });
 
