@@ -1,9 +1,11 @@
 'use strict';
-// Call overhead of the binding against the same operations written with Node-API (node-addon-api); prints one
-// JSON line with nanoseconds per call (best round), ours and the reference, per operation.
+// Call overhead of the binding against the same operations written with Node-API (node-addon-api), and the
+// cost of the event layer's delivery against the native callback's; prints one JSON line with nanoseconds per
+// call (best round), ours and the reference, per operation.
 //
 //   node bench/call_bench.js [--quick]
 const lib = require('./lib');
+const { PointerEmitter } = require('../lib/pointer.js');
 
 const ours = require(lib.paths.benchModule).bench;
 const napi = require(lib.paths.napiModule);
@@ -49,6 +51,28 @@ if (ours.recordSum() !== wrapped.recordSum() || seen[0] !== seen[2] || seen[1] !
 ours.setMotionCallback(onMotion);
 wrapped.setMotionCallback(onMotion);
 
+// The event layer over a capture whose records come from deliverMotion: the callback the layer sets on its
+// capture is the one the bench component calls.
+let layerCallback = null;
+const layer = new PointerEmitter({
+  capturePointer: () => ({
+    setMotionEventCallback: (callback) => { layerCallback = callback; },
+    setButtonsEventCallback: () => {},
+    startCapturing: () => {},
+    stopCapturing: () => {},
+  }),
+});
+layer.on('motion', onMotion);
+const layerSeen = [];
+const sumBefore = sink;
+ours.setMotionCallback(layerCallback);
+ours.deliverMotion(2);
+ours.setMotionCallback((event) => layerSeen.push(event));
+ours.deliverMotion(2);
+if (sink - sumBefore !== layerSeen.reduce((sum, event) => sum + event.offset.x + event.screenPoint.x, 0)) {
+  throw new Error('the layer delivered other records than the callback');
+}
+
 const scale = quick ? 0.2 : 1;
 const calls = Math.round(2e6 * scale);
 const records = Math.round(2e5 * scale);
@@ -73,6 +97,12 @@ const result = {
     records,
     (n) => ours.deliverMotion(n),
     (n) => wrapped.deliverMotion(n),
+  ),
+  // Ours: a 'motion' listener of the event layer; reference: the same function as the native callback.
+  layerDelivery: compare(
+    records,
+    (n) => { ours.setMotionCallback(layerCallback); ours.deliverMotion(n); },
+    (n) => { ours.setMotionCallback(onMotion); ours.deliverMotion(n); },
   ),
 };
 if (!(sink > 0)) throw new Error('the callbacks did not run');

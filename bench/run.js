@@ -333,6 +333,8 @@ async function main() {
   rows.push(callRow('call: no-op function (vs Napi::Function)', C.noopFunction));
   rows.push(callRow('call: method taking a MotionEventData', C.takeRecord));
   rows.push(callRow('delivery: one MotionEventData to a callback, per record', C.deliverRecord));
+  rows.push(row('delivery: the same to a pointer \'motion\' listener (vs the native callback)', fmt.ns(C.layerDelivery.ours),
+    fmt.ns(C.layerDelivery.ref), fmt.ratio(C.layerDelivery.ratio), 'ratio ≤ 1.2', yesNo(C.layerDelivery.ratio <= 1.2)));
 
   process.stdout.write(`\n${renderText(headline)}\n\n${renderText(rows)}\n`);
 

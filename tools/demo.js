@@ -1,7 +1,7 @@
 #!/usr/bin/env node
 'use strict';
-// Live demo of zelbridge (npm start): captures the pointer and prints every raw motion and button record as it
-// arrives.
+// Live demo of zelbridge (npm start): listens to the pointer through the package's event layer (`pointer`, `log`)
+// and prints every raw motion and button record as it arrives.
 //
 //   With DISPLAY set:  captures the real pointer of that display until Ctrl-C.
 //   Without DISPLAY:   starts a private Xvfb, plays a scripted gesture through tools/xinject (a circle of
@@ -57,36 +57,36 @@ const formatMotion = (record) => `motion   offset (${pad(record.offset.x, 4)}, $
 const formatButtons = (record) => `buttons  left ${buttonNames[record.left] || record.left}`
   + `  middle ${buttonNames[record.middle] || record.middle}  right ${buttonNames[record.right] || record.right}`;
 
-/** Loads the module and routes its log: warnings and errors are called out on standard error. */
+/** Loads the package and listens to its log: warnings and errors are called out on standard error. */
 function loadBridge() {
   const bridge = require(root);
-  const levels = { 0: 'info', 2: 'warning', 3: 'error' };
-  // The native side prints every message itself; the handler only flags the ones that need attention.
-  bridge.diagnostics.setLogHandler((message, level) => {
-    if (level >= 2) console.error(`demo: native ${levels[level] || `level ${level}`}: ${message}`);
+  const { LogLevel } = bridge;
+  const levelName = (level) => Object.keys(LogLevel).find((name) => LogLevel[name] === level) || `level ${level}`;
+  // The native side prints every message itself; the listener only flags the ones that need attention.
+  bridge.log.on('message', (message, level) => {
+    if (level >= LogLevel.Warning) console.error(`demo: native ${levelName(level).toLowerCase()}: ${message}`);
   });
   return bridge;
 }
 
 // ---- the real pointer ----
 
-function captureLive(bridge) {
+function captureLive({ pointer }) {
   console.log(`Capturing the pointer of display ${process.env.DISPLAY}; move it, click, press Ctrl-C to stop.`);
-  const capture = bridge.hardware.capturePointer();
   let count = 0;
-  capture.setMotionEventCallback((record) => {
+  const onMotion = (record) => {
     ++count;
     console.log(formatMotion(record));
-  });
-  capture.setButtonsEventCallback((record) => {
+  };
+  const onButtons = (record) => {
     ++count;
     console.log(formatButtons(record));
-  });
-  capture.startCapturing();
+  };
+  pointer.on('motion', onMotion).on('buttons', onButtons);
   process.once('SIGINT', () => {
-    capture.stopCapturing();
+    pointer.off('motion', onMotion).off('buttons', onButtons);
     console.log(`\nStopped after ${count} records.`);
-    // Nothing else keeps the loop running: the process ends here.
+    // With its last listener gone the capture has stopped: nothing else keeps the loop running.
   });
 }
 
@@ -131,11 +131,11 @@ async function playGesture(bridge, xinjectPath) {
     return result.stdout;
   };
 
-  const capture = bridge.hardware.capturePointer();
+  const { pointer } = bridge;
   const received = []; // the receive time of each record (ns, CLOCK_MONOTONIC), printed as it arrives
   let recording = false;
   let priming = 0;
-  capture.setMotionEventCallback((record) => {
+  const onMotion = (record) => {
     const now = process.hrtime.bigint();
     if (!recording) {
       ++priming;
@@ -143,24 +143,26 @@ async function playGesture(bridge, xinjectPath) {
     }
     received.push(now);
     console.log(`${pad(received.length, 4)}  ${formatMotion(record)}`);
-  });
-  capture.setButtonsEventCallback((record) => {
+  };
+  const onButtons = (record) => {
     const now = process.hrtime.bigint();
     if (!recording) return;
     received.push(now);
     console.log(`${pad(received.length, 4)}  ${formatButtons(record)}`);
-  });
-  capture.startCapturing();
+  };
+  // The first listener starts the capture, removing the last stops it.
+  pointer.on('motion', onMotion).on('buttons', onButtons);
+  const stop = () => pointer.off('motion', onMotion).off('buttons', onButtons);
   try {
-    return await recordGesture(capture, received, () => priming, () => { recording = true; }, inject, xinjectPath);
+    return await recordGesture(stop, received, () => priming, () => { recording = true; }, inject, xinjectPath);
   } finally {
-    capture.stopCapturing();
+    stop();
   }
 }
 
-async function recordGesture(capture, received, priming, startRecording, inject, xinjectPath) {
+async function recordGesture(stop, received, priming, startRecording, inject, xinjectPath) {
   const display = process.env.DISPLAY;
-  // The capture's own X connection selects input shortly after startCapturing returns: nudge the pointer back
+  // The capture's own X connection selects input shortly after it starts: nudge the pointer back
   // and forth until it reports, then let those records drain before the gesture starts.
   const deadline = Date.now() + 20000;
   while (priming() === 0) {
@@ -195,7 +197,7 @@ async function recordGesture(capture, received, priming, startRecording, inject,
   const end = Date.now() + 5000;
   while (received.length < sent && Date.now() < end) await sleep(5);
   await sleep(50); // anything beyond what was sent would show here
-  capture.stopCapturing();
+  stop();
 
   // Records and events pair up in order: the n-th record received is the n-th event sent.
   const latencies = received.slice(0, sent).map((time, i) => Number(time - sendTimes[i]) / 1e6);

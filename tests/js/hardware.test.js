@@ -5,19 +5,12 @@
 // on collection, and rapid start/stop cycles under a stream of input.
 const test = require('node:test');
 const assert = require('node:assert/strict');
-const fs = require('node:fs');
-const path = require('node:path');
-const readline = require('node:readline');
-const { spawn, spawnSync } = require('node:child_process');
-const { buildDir, bridgePath, runChild, describe, sleep, tick } = require('./support');
+const { spawnSync } = require('node:child_process');
+const {
+  bridgePath, runChild, describe, sleep, tick, xinjectPath, useTestDisplay, waitFor, Injector, streamMoves,
+} = require('./support');
 
-// The display must be known before the module (and Xlib in it) first connects.
-if (process.env.ZEL_XVFB_DISPLAY_FILE) {
-  process.env.DISPLAY = fs.readFileSync(process.env.ZEL_XVFB_DISPLAY_FILE, 'utf8').trim();
-}
-if (!process.env.DISPLAY) throw new Error('no X display: run through ctest (the "xvfb" fixture) or set DISPLAY');
-const xinjectPath = process.env.XINJECT || path.join(buildDir, 'tools', 'xinject');
-if (!fs.existsSync(xinjectPath)) throw new Error(`${xinjectPath} is not built`);
+useTestDisplay();
 
 const bridge = require(bridgePath);
 const hw = bridge.hardware;
@@ -50,13 +43,6 @@ function recordOn(capture) {
 /** `seen` with each motion record reduced to its offset. */
 const offsetsOf = (seen) => seen.map(([kind, record]) => (kind === 'motion' ? ['motion', record.offset] : [kind, record]));
 
-/** Polls `done()` until it holds or `ms` pass, letting the event loop run; the final value of `done()`. */
-async function waitFor(done, ms = 10000) {
-  const end = Date.now() + ms;
-  while (!done() && Date.now() < end) await sleep(1);
-  return done();
-}
-
 /** Lets every delivery already signalled run (two full turns of the event loop). */
 async function drain() {
   await tick();
@@ -71,93 +57,14 @@ function xinject(...args) {
   return result.stdout;
 }
 
-/** A long-running xinject in script mode: commands go in on its standard input, answers come back by line. */
-class Injector {
-  constructor() {
-    this.child = spawn(xinjectPath, ['script'], { stdio: ['pipe', 'pipe', 'inherit'] });
-    this.lines = [];
-    this.waiting = [];
-    this.exited = false;
-    readline.createInterface({ input: this.child.stdout }).on('line', (line) => {
-      const resolve = this.waiting.shift();
-      if (resolve) resolve(line);
-      else this.lines.push(line);
-    });
-    this.child.on('exit', () => {
-      this.exited = true;
-      for (const resolve of this.waiting.splice(0)) resolve(null);
-    });
-  }
-
-  nextLine() {
-    if (this.lines.length) return Promise.resolve(this.lines.shift());
-    if (this.exited) return Promise.resolve(null);
-    return new Promise((resolve) => this.waiting.push(resolve));
-  }
-
-  /** Sends `commands`, then waits until the server has processed them (the answer to "sync"). */
-  async run(...commands) {
-    this.child.stdin.write(`${commands.join('\n')}\nsync\n`);
-    for (;;) {
-      const line = await this.nextLine();
-      if (line === 'ok') return;
-      throw new Error(`xinject answered ${JSON.stringify(line)} to ${JSON.stringify(commands)}`);
-    }
-  }
-
-  /** The pointer position. */
-  async position() {
-    this.child.stdin.write('pos\n');
-    const line = await this.nextLine();
-    const match = /^(-?\d+) (-?\d+)$/.exec(line || '');
-    if (!match) throw new Error(`xinject answered ${JSON.stringify(line)} to "pos"`);
-    return { x: Number(match[1]), y: Number(match[2]) };
-  }
-
-  async close() {
-    if (this.exited) return;
-    const exited = new Promise((resolve) => this.child.once('exit', resolve));
-    this.child.stdin.end('quit\n');
-    await exited;
-  }
-}
-
 const injector = new Injector();
 test.after(() => injector.close());
-
-/**
- * Waits until the capture's reader receives input (its X connection selects raw events only some time after
- * startCapturing returns): injects small back-and-forth moves until `seen` gets a motion, then a marker, and
- * empties `seen` once the marker has arrived, so that only what is injected afterwards is seen.
- */
-async function untilReading(seen) {
-  const end = Date.now() + 20000;
-  while (!seen.some(([kind]) => kind === 'motion')) {
-    assert.ok(Date.now() < end, 'the capture receives input');
-    await injector.run('move 1 1', 'move -1 -1');
-    await sleep(5);
-  }
-  await injector.run('move 4 4', 'move -4 -4');
-  const isMarker = ([kind, record]) => kind === 'motion' && record.offset.x === -4 && record.offset.y === -4;
-  assert.ok(await waitFor(() => seen.length > 0 && isMarker(seen[seen.length - 1])), 'the marker arrives');
-  seen.length = 0;
-}
+const settle = (seen) => injector.settle(seen);
 
 /** Starts `capture`, whose callbacks fill `seen`, and waits until it receives input. */
 async function startCapturing(capture, seen) {
   capture.startCapturing();
-  await untilReading(seen);
-}
-
-/** Injects one motion as a marker and waits for it: everything injected before it has been delivered. */
-async function settle(seen) {
-  await injector.run('move 2 -2');
-  assert.ok(await waitFor(() => seen.length > 0 && seen[seen.length - 1][0] === 'motion'
-    && seen[seen.length - 1][1].offset.x === 2 && seen[seen.length - 1][1].offset.y === -2), 'the marker arrives');
-  seen.pop();
-  await injector.run('move -2 2');
-  assert.ok(await waitFor(() => seen.length > 0 && seen[seen.length - 1][1].offset?.x === -2));
-  seen.pop();
+  await injector.untilReading(seen);
 }
 
 test('a relative move of (5, 3) gives one motion record at the pointer position after the move', async () => {
@@ -417,11 +324,7 @@ for (const [setter, message] of [
 
 test('1,000 rapid start/stop cycles under a stream of motion: no hang, and every record sent while capturing arrives',
   { timeout: 240000 }, async () => {
-    // The background stream: (1, 1) and (-1, -1) moves at about 1,000 a second, until the test ends.
-    const background = spawn(xinjectPath, ['script'], { stdio: ['pipe', 'ignore', 'inherit'] });
-    background.stdin.on('error', () => {});
-    const feed = setInterval(() => background.stdin.write('move 1 1 10 1000\nmove -1 -1 10 1000\n'), 20);
-    const backgroundEnded = new Promise((resolve) => background.once('exit', resolve));
+    const background = streamMoves();
 
     const capture = newCapture();
     let current = [];
@@ -462,9 +365,7 @@ test('1,000 rapid start/stop cycles under a stream of motion: no hang, and every
       }
     } finally {
       capture.stopCapturing();
-      clearInterval(feed);
-      background.kill('SIGTERM');
-      await backgroundEnded;
+      await background.stop();
     }
     assert.equal(checked, cycles / 10);
     assert.equal(countLog('Pointer capture released'), released + cycles, 'every start began a capture and every stop ended it');

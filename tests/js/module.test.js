@@ -1,8 +1,11 @@
 'use strict';
-// The module entry: exported components in registration order, "shutdown", second contexts (Workers and
-// repeated loads), a component whose factory throws, and methods called after "shutdown".
+// The module entry: exported components in registration order, "shutdown", the package's CommonJS and
+// ES-module entries, second contexts (Workers and repeated loads), a component whose factory throws, and
+// methods called after "shutdown".
 const test = require('node:test');
 const assert = require('node:assert/strict');
+const path = require('node:path');
+const { pathToFileURL } = require('node:url');
 const {
   bridgePath, testkitPath, throwingPath, indexPath, runChild, describe, requireTestkit,
 } = require('./support');
@@ -37,8 +40,47 @@ test('zelbridge.node exports exactly its components in registration order, then 
       assert.equal(bridge[name][method].name, method);
     }
   }
-  // index.js loads the same module.
-  assert.equal(require(indexPath), bridge);
+  // The package entry exposes the same component objects, after them the event layer (next test).
+  const entry = require(indexPath);
+  for (const name of [...components, 'shutdown']) assert.equal(entry[name], bridge[name], name);
+});
+
+test('the CommonJS and ES-module entries expose the same names and objects: the components and the event layer', () => {
+  const names = ['crash_emitter', 'diagnostics', 'hardware', 'shutdown', 'pointer', 'log', 'MouseButton', 'ButtonEvent',
+    'LogLevel'];
+  // The package imports itself by name ("exports" of package.json), as an app imports it.
+  const result = runChild(`
+    import { crash_emitter, diagnostics, hardware, shutdown, pointer, log, MouseButton, ButtonEvent, LogLevel } from 'zelbridge';
+    import * as byPath from ${JSON.stringify(pathToFileURL(path.join(path.dirname(indexPath), 'index.mjs')).href)};
+    import { createRequire } from 'node:module';
+    import { EventEmitter } from 'node:events';
+    const require = createRequire(import.meta.url);
+    const cjs = require('zelbridge');
+    const native = require(${JSON.stringify(bridgePath)});
+    const imported = { crash_emitter, diagnostics, hardware, shutdown, pointer, log, MouseButton, ButtonEvent, LogLevel };
+    console.log(JSON.stringify({
+      cjsNames: Object.keys(cjs),
+      esmNames: Object.keys(byPath),
+      same: Object.keys(imported).filter((name) => imported[name] === cjs[name] && byPath[name] === cjs[name]),
+      native: Object.keys(native).filter((name) => cjs[name] === native[name]),
+      emitters: [pointer, log].map((emitter) => emitter instanceof EventEmitter),
+      constants: { MouseButton, ButtonEvent, LogLevel },
+      frozen: [MouseButton, ButtonEvent, LogLevel].map(Object.isFrozen),
+    }));
+  `, { execArgv: ['--input-type=module'], cwd: path.dirname(indexPath) });
+  assert.equal(result.status, 0, describe(result));
+  const out = JSON.parse(result.stdout);
+  assert.deepEqual(out.cjsNames, names);
+  assert.deepEqual(out.esmNames, [...names].sort());
+  assert.deepEqual(out.same, names);
+  assert.deepEqual(out.native, names.slice(0, 4), 'the native exports, unchanged');
+  assert.deepEqual(out.emitters, [true, true]);
+  assert.deepEqual(out.constants, {
+    MouseButton: { Left: 0, Middle: 1, Right: 2 },
+    ButtonEvent: { None: 0, Released: 1, Pressed: 2 },
+    LogLevel: { Info: 0, Warning: 2, Error: 3 },
+  });
+  assert.deepEqual(out.frozen, [true, true, true]);
 });
 
 test('the testkit exports its components in source order, then "shutdown"', () => {
