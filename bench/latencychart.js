@@ -1,7 +1,7 @@
 'use strict';
 // The latency chart of the benchmark: the distribution of each reader's latencies as a cumulative curve (the
 // fraction of moves delivered within a given time) on a logarithmic time axis, written as a plain SVG document.
-const { percentile } = require('./lib');
+const { percentiles } = require('../tests/js/support.js');
 
 const size = { width: 800, height: 480, left: 70, right: 24, top: 48, bottom: 64 };
 
@@ -97,7 +97,7 @@ function latencyChartSvg(series, { title }) {
       `stroke-width="2"${dash(s)}/>`);
   }
   const legendTexts = sortedSeries.map((s) =>
-    `${s.label}: p50 ${formatUs(percentile(s.sorted, 50))}, p99 ${formatUs(percentile(s.sorted, 99))}`);
+    `${s.label}: p50 ${formatUs(percentiles(s.sorted, [50]).p50)}, p99 ${formatUs(percentiles(s.sorted, [99]).p99)}`);
   const width = 52 + 6.8 * Math.max(...legendTexts.map((text) => text.length));
   const legend = { x: plot.x1 - 10 - width, y: plot.y0 - 12 - sortedSeries.length * 20, width, height: sortedSeries.length * 20 + 4 };
   out.push(`<rect x="${legend.x}" y="${legend.y}" width="${legend.width}" height="${legend.height}" fill="white" stroke="#ccc"/>`);

@@ -18,7 +18,7 @@ const paths = {
   comBench: path.join(buildDir, 'bench', 'com_bench'),
 };
 
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
+const { sleep, percentiles } = require('../tests/js/support.js');
 
 /** A fresh scratch directory for one measurement's files. */
 function scratchDir(tag) {
@@ -123,21 +123,14 @@ function peakRss() {
   return m ? Number(m[1]) * 1024 : NaN;
 }
 
-/** Percentile `p` (0..100) of sorted numbers, nearest rank. */
-function percentile(sorted, p) {
-  if (sorted.length === 0) return NaN;
-  const rank = Math.ceil((p / 100) * sorted.length);
-  return sorted[Math.min(sorted.length, Math.max(1, rank)) - 1];
-}
-
 /** p50/p99/max in microseconds of the latencies (ns numbers). */
 function latencyStats(latenciesNs) {
-  const sorted = Float64Array.from(latenciesNs).sort();
+  const { p50, p99, p100 } = percentiles(latenciesNs, [50, 99, 100]);
   return {
-    count: sorted.length,
-    p50: percentile(sorted, 50) / 1000,
-    p99: percentile(sorted, 99) / 1000,
-    max: sorted[sorted.length - 1] / 1000,
+    count: latenciesNs.length,
+    p50: p50 / 1000,
+    p99: p99 / 1000,
+    max: p100 / 1000,
   };
 }
 
@@ -177,7 +170,6 @@ module.exports = {
   readSendTimes,
   readReaderMotions,
   startReader,
-  percentile,
   latencyStats,
   threadCpuMs,
   threadIds,

@@ -1,5 +1,5 @@
 'use strict';
-// Runs every benchmark against the X display in $DISPLAY, prints one table, writes it as Markdown and draws the
+// Runs every benchmark on a private Xvfb, prints one table, writes it as Markdown and draws the
 // latency distributions as an SVG chart.
 //
 //   node bench/run.js [--out FILE] [--chart FILE] [--quick]
@@ -12,6 +12,7 @@ const path = require('node:path');
 const { parseArgs } = require('node:util');
 const { execFileSync, spawn } = require('node:child_process');
 const lib = require('./lib');
+const { percentiles, startXvfb } = require('../tests/js/support.js');
 const { latencyChartSvg } = require('./latencychart');
 
 const { paths } = lib;
@@ -204,7 +205,17 @@ async function main() {
   for (const [name, file] of Object.entries(paths)) {
     if (name !== 'comBench' && !fs.existsSync(file)) throw new Error(`${file} is missing: build the "release" preset first`);
   }
-  if (!process.env.DISPLAY) throw new Error('DISPLAY is not set');
+  // Every figure is taken on a private server: nothing else moves its pointer.
+  const server = await startXvfb();
+  process.env.DISPLAY = server.display;
+  try {
+    await measureAll();
+  } finally {
+    await server.stop();
+  }
+}
+
+async function measureAll() {
   const started = new Date();
   const loadBefore = os.loadavg();
   const results = {};
@@ -218,7 +229,7 @@ async function main() {
   }
   // Each statistic is the median over the rounds (each round's figure is over its own timed moves): a round
   // disturbed by another process on the machine moves it less than pooling all samples would.
-  const median = (values) => lib.percentile(Float64Array.from(values).sort(), 50);
+  const median = (values) => percentiles(values, [50]).p50;
   const pool = (runs) => {
     const rounds = runs.map((run) => lib.latencyStats(run.latencies));
     return {

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# npm run bench: builds the "release" preset (module, tools, benchmarks), starts a private Xvfb, runs every
+# npm run bench: builds the "release" preset (module, tools, benchmarks), runs every
 # benchmark, prints the tables, writes them to bench/results.md and the latency chart to bench/latency.svg. Extra
 # arguments go to bench/run.js (--quick: shortened runs for trying the harness; --out FILE: another Markdown file;
 # --chart FILE: another chart file).
@@ -28,11 +28,5 @@ if grep -q '\bcom_bench\b' <<<"$targets"; then
 fi
 
 state=$(mktemp -d "${TMPDIR:-/tmp}/zelbench.XXXXXX")
-cleanup() {
-  bash scripts/xvfb-fixture.sh stop "$state/xvfb" || true
-  rm -rf "$state"
-}
-trap cleanup EXIT
-display=$(bash scripts/xvfb-fixture.sh start "$state/xvfb")
-
-DISPLAY="$display" ZEL_BENCH_TMP="$state" ZEL_BENCH_BUILD_DIR="$PWD/build/release" node bench/run.js "$@"
+trap 'rm -rf "$state"' EXIT
+ZEL_BENCH_TMP="$state" ZEL_BENCH_BUILD_DIR="$PWD/build/release" node bench/run.js "$@"

@@ -25,53 +25,35 @@
 // Usage: node scripts/soak.js [--cycles N] [--objects N] [--hours H] [--rate MOVES_PER_S] [--warmup N]
 //                             [--display :N]
 // (--warmup: cycles and objects before the starting figures are taken, default 1000)
-// Without --display a private Xvfb is started (scripts/xvfb-fixture.sh) and stopped. The module is taken from
-// ZELBRIDGE_BUILD_DIR (as index.js does), else build/default, else build/release.
+// Without --display a private Xvfb is started and stopped. The module is the one index.js loads.
 const fs = require('node:fs');
-const os = require('node:os');
 const path = require('node:path');
 const v8 = require('node:v8');
-const { execFileSync, fork, spawn, spawnSync } = require('node:child_process');
+const { parseArgs } = require('node:util');
+const { fork, spawnSync } = require('node:child_process');
+const {
+  repoDir, modulePath, toolEnv, startXvfb, sleep, Injector, streamMoves,
+} = require('../tests/js/support.js');
 
-const repoDir = path.join(__dirname, '..');
 const MiB = 1024 * 1024;
 
-function parseOptions(argv) {
-  const options = { cycles: 10000, objects: 10000, warmup: 1000, hours: 0, rate: 1000, display: '', child: false };
-  for (let i = 0; i < argv.length; ++i) {
-    const name = argv[i].replace(/^--/, '');
-    if (name === 'child') {
-      options.child = true;
-    } else if (name in options) {
-      const value = argv[++i];
-      options[name] = typeof options[name] === 'number' ? Number(value) : value;
-      if (typeof options[name] === 'number' && !(options[name] >= 0)) throw new Error(`bad --${name} ${value}`);
-    } else {
-      throw new Error(`unknown option ${argv[i]}`);
-    }
+function parseOptions(args) {
+  const numbers = { cycles: '10000', objects: '10000', warmup: '1000', hours: '0', rate: '1000' };
+  const { values } = parseArgs({ args, options: {
+    ...Object.fromEntries(Object.entries(numbers).map(([name, value]) => [name, { type: 'string', default: value }])),
+    display: { type: 'string', default: '' },
+    child: { type: 'boolean', default: false },
+  } });
+  for (const name of Object.keys(numbers)) {
+    const value = Number(values[name]);
+    if (!(value >= 0)) throw new Error(`bad --${name} ${values[name]}`);
+    values[name] = value;
   }
-  return options;
+  return values;
 }
-
-function buildDir() {
-  const candidates = [];
-  if (process.env.ZELBRIDGE_BUILD_DIR) candidates.push(path.resolve(process.env.ZELBRIDGE_BUILD_DIR));
-  candidates.push(path.join(repoDir, 'build', 'default'), path.join(repoDir, 'build', 'release'));
-  const dir = candidates.find((candidate) => fs.existsSync(path.join(candidate, 'zelbridge.node')));
-  if (!dir) throw new Error(`zelbridge.node is not built (looked in ${candidates.join(', ')})`);
-  return dir;
-}
-
-/** The environment of the helper programs (bash, Xvfb, xinject, ss): without a sanitizer runtime preloaded for node. */
-const toolEnv = (() => {
-  const env = { ...process.env };
-  delete env.LD_PRELOAD;
-  return env;
-})();
 
 // ---- the workload (child process) ----
 
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
 const immediate = () => new Promise((resolve) => setImmediate(resolve));
 
 /** Descriptors open now (the one the listing itself uses is not counted). */
@@ -101,7 +83,7 @@ function xConnections() {
     const fields = line.trim().split(/\s+/);
     if (fields.length >= 8) names.set(fields[6], fields[7]);
   }
-  const ss = spawnSync('ss', ['-x', '-a', '-n', '-H'], { encoding: 'utf8', env: toolEnv });
+  const ss = spawnSync('ss', ['-x', '-a', '-n', '-H'], { encoding: 'utf8', env: toolEnv() });
   if (ss.status !== 0) return NaN;
   let count = 0;
   for (const line of ss.stdout.split('\n')) {
@@ -142,49 +124,6 @@ async function snapshot(label) {
   };
 }
 
-/** An xinject in script mode: `send(lines)` writes the lines plus "sync" and resolves on its "ok". */
-function scriptInjector(xinject, display) {
-  const child = spawn(xinject, ['-d', display, 'script'], { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv });
-  const waiting = [];
-  let buffer = '';
-  child.stdout.setEncoding('utf8').on('data', (chunk) => {
-    buffer += chunk;
-    let newline;
-    while ((newline = buffer.indexOf('\n')) >= 0) {
-      const line = buffer.slice(0, newline);
-      buffer = buffer.slice(newline + 1);
-      if (line === 'ok') waiting.shift()?.();
-      else if (line.startsWith('error')) throw new Error(`xinject: ${line}`);
-    }
-  });
-  return {
-    send(lines) {
-      return new Promise((resolve) => {
-        waiting.push(resolve);
-        child.stdin.write(`${lines.join('\n')}\nsync\n`);
-      });
-    },
-    stop() {
-      child.stdin.end();
-      child.kill();
-    },
-  };
-}
-
-/** Keeps moves of (0, +-1) flowing at `rate` per second until stopped. */
-function backgroundMotion(xinject, display, rate) {
-  const injector = scriptInjector(xinject, display);
-  let running = true;
-  const half = Math.max(1, Math.round(rate / 2));
-  (async () => {
-    while (running) await injector.send([`move 0 1 ${half} ${rate}`, `move 0 -1 ${half} ${rate}`]);
-  })();
-  return () => {
-    running = false;
-    injector.stop();
-  };
-}
-
 // What the workload did; `finalized` counts wrappers reached by the registry (kept here, so that the registry
 // outlives the objects it watches).
 const counts = {
@@ -199,14 +138,13 @@ async function finalizeUntil(wanted) {
 
 async function runWorkload(options, snapshots) {
   const z = require(path.join(repoDir, 'index.js'));
-  const xinject = path.join(buildDir(), 'tools', 'xinject');
   const report = (message) => process.send(message);
 
   z.diagnostics.setLogHandler(() => {});
   snapshots.push(await snapshot('loaded'));
 
-  const stopBackground = backgroundMotion(xinject, options.display, options.rate);
-  const counter = scriptInjector(xinject, options.display);
+  const background = streamMoves({ rate: options.rate, moves: [[0, 1], [0, -1]], display: options.display });
+  const counter = new Injector({ display: options.display });
 
   // Phase 1: start/stop cycles of one capture object (a new one per call, dropped at the end). Its callback
   // forwards to `sink`: a callback whose closure reached the capture object would keep it alive for ever (the
@@ -243,7 +181,7 @@ async function runWorkload(options, snapshots) {
       // (right and back) must both arrive before the stop.
       let sent = 0;
       if (await until(() => live, 5000)) {
-        await counter.send(['move 1 0', 'move -1 0']);
+        await counter.run('move 1 0', 'move -1 0');
         sent = 2;
         await until(() => counted >= 2, 5000);
       }
@@ -308,8 +246,8 @@ async function runWorkload(options, snapshots) {
 
   await finalizeUntil(counts.objects);
   snapshots.push(await snapshot('end'));
-  stopBackground();
-  counter.stop();
+  await background.stop();
+  await counter.close();
   return { round, seconds: (Date.now() - began) / 1000 };
 }
 
@@ -328,19 +266,6 @@ async function child() {
 
 // ---- the driver (parent process) ----
 
-function startServer() {
-  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'zel-soak-'));
-  const fixture = path.join(repoDir, 'scripts', 'xvfb-fixture.sh');
-  const display = execFileSync('bash', [fixture, 'start', dir], { encoding: 'utf8', env: toolEnv }).trim();
-  return {
-    display,
-    stop() {
-      spawnSync('bash', [fixture, 'stop', dir], { env: toolEnv });
-      fs.rmSync(dir, { recursive: true, force: true });
-    },
-  };
-}
-
 const mib = (bytes) => `${(bytes / MiB).toFixed(2)} MiB`;
 
 function printSnapshot(s) {
@@ -358,13 +283,13 @@ async function main() {
     process.exit(again.status ?? 1);
   }
 
-  const server = options.display ? null : startServer();
+  const server = options.display ? null : await startXvfb();
   const display = options.display || server.display;
   const args = ['--cycles', options.cycles, '--objects', options.objects, '--warmup', options.warmup, '--hours', options.hours,
     '--rate', options.rate, '--display', display, '--child'].map(String);
   console.log(`soak: ${options.cycles} start/stop cycles and ${options.objects} capture objects per round`
     + `${options.hours ? `, rounds for ${options.hours} h` : ''}; moves at ${options.rate}/s on ${display}; `
-    + `module from ${buildDir()}`);
+    + `module from ${modulePath()}`);
 
   const started = Date.now();
   const worker = fork(__filename, args, {
@@ -394,7 +319,7 @@ async function main() {
     if (message.result) result = message.result;
   });
   const ended = await new Promise((resolve) => worker.on('close', (status, signal) => resolve({ status, signal })));
-  server?.stop();
+  await server?.stop();
   if (!result) {
     console.log(`soak: the workload ended with status ${ended.status} signal ${ended.signal} and no result`);
     process.exit(1);

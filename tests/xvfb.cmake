@@ -9,9 +9,6 @@
 #
 #   include(${PROJECT_SOURCE_DIR}/tests/xvfb.cmake)
 #   zel_xvfb_fixture()
-#   # a plain command: tests/with-display.sh exports DISPLAY read from the file, then runs the command
-#   add_test(NAME my_x_test COMMAND ${ZEL_WITH_DISPLAY} ${ZEL_XVFB_DISPLAY_FILE} $<TARGET_FILE:my_x_test>)
-#   set_tests_properties(my_x_test PROPERTIES ${ZEL_XVFB_TEST_PROPERTIES} LABELS "x11")
 #   # GoogleTest cases: the test program reads the file named by ZEL_XVFB_DISPLAY_FILE itself
 #   zel_add_gtest(my_gtest my_gtest.cpp LABELS x11 PROPERTIES ${ZEL_XVFB_TEST_PROPERTIES}
 #                 ENVIRONMENT "ZEL_XVFB_DISPLAY_FILE=${ZEL_XVFB_DISPLAY_FILE}")
@@ -20,7 +17,6 @@
 
 set(ZEL_XVFB_STATE_DIR "${CMAKE_BINARY_DIR}/xvfb")
 set(ZEL_XVFB_DISPLAY_FILE "${ZEL_XVFB_STATE_DIR}/display")
-set(ZEL_WITH_DISPLAY "${PROJECT_SOURCE_DIR}/tests/with-display.sh")
 set(ZEL_XVFB_TEST_PROPERTIES FIXTURES_REQUIRED xvfb RESOURCE_LOCK xvfb)
 
 function(zel_xvfb_fixture)
@@ -30,9 +26,9 @@ function(zel_xvfb_fixture)
   endif()
   set_property(GLOBAL PROPERTY ZEL_XVFB_FIXTURE_DEFINED TRUE)
 
-  set(script "${PROJECT_SOURCE_DIR}/scripts/xvfb-fixture.sh")
-  add_test(NAME xvfb_start COMMAND bash ${script} start ${ZEL_XVFB_STATE_DIR})
-  add_test(NAME xvfb_stop COMMAND bash ${script} stop ${ZEL_XVFB_STATE_DIR})
+  set(script "${PROJECT_SOURCE_DIR}/tests/js/xvfb-fixture.js")
+  add_test(NAME xvfb_start COMMAND ${NODE_EXECUTABLE} ${script} start ${ZEL_XVFB_STATE_DIR})
+  add_test(NAME xvfb_stop COMMAND ${NODE_EXECUTABLE} ${script} stop ${ZEL_XVFB_STATE_DIR})
   set_tests_properties(xvfb_start PROPERTIES FIXTURES_SETUP xvfb LABELS "x11" TIMEOUT 60)
   set_tests_properties(xvfb_stop PROPERTIES FIXTURES_CLEANUP xvfb LABELS "x11" TIMEOUT 60)
 endfunction()

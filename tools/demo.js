@@ -14,25 +14,18 @@
 // The build: ZELBRIDGE_BUILD_DIR names an existing build to use as it is; otherwise build/default is configured
 // when needed and brought up to date (after scripts/ensure-deps.sh installs what is missing).
 const fs = require('node:fs');
-const os = require('node:os');
 const path = require('node:path');
 const readline = require('node:readline');
 const { spawn, spawnSync } = require('node:child_process');
+const { toolEnv, startXvfb, percentiles, sleep, waitFor } = require('../tests/js/support.js');
 
 const root = path.join(__dirname, '..');
 const buttonNames = ['-', 'released', 'pressed'];
 
-/** The environment for helper processes: a sanitizer runtime preloaded into node is not theirs to load. */
-function helperEnv(extra = {}) {
-  const env = { ...process.env, ...extra };
-  delete env.LD_PRELOAD;
-  return env;
-}
-
 /** Runs a command with its output on ours; ends the demo when it fails. */
 function run(command, args) {
   console.error(`demo: ${command} ${args.join(' ')}`);
-  const result = spawnSync(command, args, { cwd: root, stdio: 'inherit', env: helperEnv() });
+  const result = spawnSync(command, args, { cwd: root, stdio: 'inherit', env: toolEnv() });
   if (result.error || result.status !== 0) {
     console.error(`demo: ${command} failed (${result.error ? result.error.message : `exit status ${result.status}`})`);
     process.exit(1);
@@ -114,19 +107,10 @@ function circle(radius = 80, steps = 48) {
   return moves.filter(([dx, dy]) => dx !== 0 && dy !== 0);
 }
 
-/** The p-th percentile (0..100) of sorted `values`, by nearest rank. */
-function percentile(sorted, p) {
-  if (sorted.length === 0) return NaN;
-  const rank = Math.max(1, Math.ceil((p / 100) * sorted.length));
-  return sorted[Math.min(rank, sorted.length) - 1];
-}
-
-const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
-
 async function playGesture(bridge, xinjectPath) {
   const display = process.env.DISPLAY;
   const inject = (...args) => {
-    const result = spawnSync(xinjectPath, ['-d', display, ...args], { encoding: 'utf8', env: helperEnv() });
+    const result = spawnSync(xinjectPath, ['-d', display, ...args], { encoding: 'utf8', env: toolEnv() });
     if (result.status !== 0) throw new Error(`xinject ${args.join(' ')} failed: ${result.stderr || result.error}`);
     return result.stdout;
   };
@@ -177,7 +161,7 @@ async function recordGesture(stop, received, priming, startRecording, inject, xi
   // The gesture, one command every 4 ms; xinject prints the send time of every event it sends (-t).
   const moves = circle();
   const commands = [...moves.map(([dx, dy]) => `move ${dx} ${dy}`), 'click 1', 'click 2', 'click 3'];
-  const injector = spawn(xinjectPath, ['-d', display, '-t', 'script'], { stdio: ['pipe', 'pipe', 'inherit'], env: helperEnv() });
+  const injector = spawn(xinjectPath, ['-d', display, '-t', 'script'], { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
   const sendTimes = [];
   readline.createInterface({ input: injector.stdout }).on('line', (line) => {
     if (/^\d+$/.test(line)) sendTimes.push(BigInt(line));
@@ -194,40 +178,27 @@ async function recordGesture(stop, received, priming, startRecording, inject, xi
   if (status !== 0) throw new Error(`xinject ended with status ${status}`);
 
   const sent = sendTimes.length; // one line per event: a move is one, a click two (press, release)
-  const end = Date.now() + 5000;
-  while (received.length < sent && Date.now() < end) await sleep(5);
+  await waitFor(() => received.length >= sent, 5000);
   await sleep(50); // anything beyond what was sent would show here
   stop();
 
   // Records and events pair up in order: the n-th record received is the n-th event sent.
   const latencies = received.slice(0, sent).map((time, i) => Number(time - sendTimes[i]) / 1e6);
-  latencies.sort((a, b) => a - b);
+  const { p50, p95, p99, p100 } = percentiles(latencies, [50, 95, 99, 100]);
   const ms = (value) => (Number.isNaN(value) ? 'n/a' : value.toFixed(3));
-  console.log(`summary: sent=${sent} received=${received.length} latency p50=${ms(percentile(latencies, 50))}`
-    + ` p95=${ms(percentile(latencies, 95))} p99=${ms(percentile(latencies, 99))}`
-    + ` max=${ms(latencies.length ? latencies[latencies.length - 1] : NaN)} ms`);
+  console.log(`summary: sent=${sent} received=${received.length} latency p50=${ms(p50)} p95=${ms(p95)}`
+    + ` p99=${ms(p99)} max=${ms(p100)} ms`);
   return sent === received.length;
 }
 
 async function demoOnPrivateDisplay(buildDir) {
   const xinjectPath = path.join(buildDir, 'tools', 'xinject');
   if (!fs.existsSync(xinjectPath)) throw new Error(`${xinjectPath} is not built`);
-  const stateDir = fs.mkdtempSync(path.join(os.tmpdir(), 'zel-demo-xvfb.'));
-  const fixture = path.join(root, 'scripts', 'xvfb-fixture.sh');
-  const stopServer = () => {
-    spawnSync('bash', [fixture, 'stop', stateDir], { stdio: 'inherit', env: helperEnv() });
-    fs.rmSync(stateDir, { recursive: true, force: true });
-  };
-  const started = spawnSync('bash', [fixture, 'start', stateDir], { encoding: 'utf8', env: helperEnv() });
-  if (started.status !== 0) {
-    process.stderr.write(started.stderr || '');
-    fs.rmSync(stateDir, { recursive: true, force: true });
-    throw new Error('Xvfb could not be started');
-  }
-  process.env.DISPLAY = started.stdout.trim();
-  console.log(`No DISPLAY: started Xvfb on ${process.env.DISPLAY}.`);
+  const server = await startXvfb();
+  process.env.DISPLAY = server.display;
+  console.log(`No DISPLAY: started Xvfb on ${server.display}.`);
   const onSignal = () => {
-    stopServer();
+    process.kill(server.pid, 'SIGTERM');
     process.exit(130);
   };
   process.once('SIGINT', onSignal);
@@ -237,7 +208,7 @@ async function demoOnPrivateDisplay(buildDir) {
   } finally {
     process.removeListener('SIGINT', onSignal);
     process.removeListener('SIGTERM', onSignal);
-    stopServer();
+    await server.stop();
     console.log('Xvfb stopped.');
   }
 }

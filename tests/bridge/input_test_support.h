@@ -207,7 +207,7 @@ private:
 };
 
 /// The test X display: the one the "xvfb" fixture wrote to the file named by ZEL_XVFB_DISPLAY_FILE, else
-/// ZEL_XVFB_DISPLAY (set by scripts/xvfb-run.sh). A desktop's own DISPLAY is never used: the tests move its
+/// ZEL_XVFB_DISPLAY (a server started by hand). A desktop's own DISPLAY is never used: the tests move its
 /// pointer and press its buttons.
 inline std::optional<std::string> testDisplay() {
     if (const char* file = std::getenv("ZEL_XVFB_DISPLAY_FILE")) {
@@ -357,7 +357,7 @@ class InjectorTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!useTestDisplay())
-            GTEST_SKIP() << "no test display: run under the xvfb fixture or scripts/xvfb-run.sh";
+            GTEST_SKIP() << "no test display: run under the xvfb fixture or set ZEL_XVFB_DISPLAY";
         injector = std::make_unique<Injector>(ZEL_XINJECT_PATH);
         injector->sync();
     }

@@ -7,8 +7,7 @@
 //
 // Calls that end the process by design (the crash emitter, a second non-empty callback, a receiver without
 // a native object) and calls with process-wide effects ("shutdown", the log handler) run in child
-// processes; everything else runs here, against a private X server: the one of the CTest "xvfb" fixture
-// (ZEL_XVFB_DISPLAY_FILE), or a fresh Xvfb started for this file.
+// processes; everything else runs here, against the private X server of the CTest "xvfb" fixture.
 const path = require('node:path');
 
 // ---- the table ----
@@ -241,50 +240,16 @@ if (require.main === module && process.argv.includes('--table')) {
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
-const os = require('node:os');
-const { execFileSync, spawnSync } = require('node:child_process');
-const { buildDir, runChild, crashEnv, describe, requireBridge, sleep } = require('./support');
+const {
+  runChild, crashEnv, describe, requireBridge, indexPath, useTestDisplay, xinject, waitFor, sleep,
+} = require('./support');
 
-const repoDir = path.join(__dirname, '..', '..');
-const xinjectPath = path.join(buildDir, 'tools', 'xinject');
-
-/** The environment of the helper programs (bash, Xvfb, xinject): without the sanitizer runtime preloaded for node. */
-const toolEnv = (() => {
-  const env = { ...process.env };
-  delete env.LD_PRELOAD;
-  return env;
-})();
-
-/** The display of this file's tests: the fixture's, or a private Xvfb stopped when the process ends. */
-function testDisplay() {
-  const file = process.env.ZEL_XVFB_DISPLAY_FILE;
-  if (file) return fs.readFileSync(file, 'utf8').trim();
-  const fixture = path.join(repoDir, 'scripts', 'xvfb-fixture.sh');
-  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'zel-hostile-'));
-  const display = execFileSync('bash', [fixture, 'start', dir], { encoding: 'utf8', env: toolEnv }).trim();
-  process.on('exit', () => {
-    spawnSync('bash', [fixture, 'stop', dir], { env: toolEnv });
-    fs.rmSync(dir, { recursive: true, force: true });
-  });
-  return display;
-}
-
-const display = testDisplay();
 // The module opens its X connections on the display named by DISPLAY, when first needed.
-process.env.DISPLAY = display;
-const z = require(path.join(repoDir, 'index.js'));
-
-const xinject = (...args) => execFileSync(xinjectPath, ['-d', display, ...args], { encoding: 'utf8', env: toolEnv });
+useTestDisplay();
+const z = require(indexPath);
 
 /** The argument values of `list`, with `fn` standing for the function given. */
 const argumentsOf = (list, fn) => new Function('fn', `return [${list.src}];`)(fn);
-
-/** Polls `done()` until it holds or `ms` pass, letting the event loop run; the final value of `done()`. */
-async function waitFor(done, ms = 5000) {
-  const end = Date.now() + ms;
-  while (!done() && Date.now() < end) await sleep(2);
-  return done();
-}
 
 /** Calls `call` and returns { value } or { thrown } (with the thrown value's class name and message). */
 function outcomeOf(call) {

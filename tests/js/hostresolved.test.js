@@ -9,23 +9,18 @@ const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const path = require('node:path');
 const { spawnSync } = require('node:child_process');
-const { buildDir, bridgePath, describe, sanitized } = require('./support');
+const {
+  buildDir, bridgePath, describe, sanitized, toolEnv, useTestDisplay, xinjectPath,
+} = require('./support');
 
 const hostResolvedPath = path.join(buildDir, 'zelbridge-hostresolved.node');
 if (!fs.existsSync(hostResolvedPath)) throw new Error(`${hostResolvedPath} is not built`);
-const xinjectPath = process.env.XINJECT || path.join(buildDir, 'tools', 'xinject');
 
-function display() {
-  if (process.env.ZEL_XVFB_DISPLAY_FILE) return fs.readFileSync(process.env.ZEL_XVFB_DISPLAY_FILE, 'utf8').trim();
-  if (process.env.DISPLAY) return process.env.DISPLAY;
-  throw new Error('no X display: run through ctest (the "xvfb" fixture) or set DISPLAY');
-}
+const display = () => useTestDisplay();
 
 /** The NEEDED entries of the dynamic section of `file`, as `readelf -d` prints them. */
 function neededOf(file) {
-  const env = { ...process.env };
-  delete env.LD_PRELOAD; // readelf needs no sanitizer runtime
-  const result = spawnSync('readelf', ['-d', file], { encoding: 'utf8', env });
+  const result = spawnSync('readelf', ['-d', file], { encoding: 'utf8', env: toolEnv() });
   if (result.error) throw new Error(`readelf is not available (apt-get install binutils): ${result.error.message}`);
   assert.equal(result.status, 0, result.stderr);
   assert.match(result.stdout, /Dynamic section at offset/, 'the module has a dynamic section');
@@ -55,9 +50,7 @@ test('the host-resolved build records no library', () => {
 
 /** The symbols that `file` needs from the process (strong undefined dynamic symbols), as `nm -D` lists them. */
 function undefinedSymbolsOf(file) {
-  const env = { ...process.env };
-  delete env.LD_PRELOAD;
-  const result = spawnSync('nm', ['-D', '--undefined-only', file], { encoding: 'utf8', env });
+  const result = spawnSync('nm', ['-D', '--undefined-only', file], { encoding: 'utf8', env: toolEnv() });
   if (result.error) throw new Error(`nm is not available (apt-get install binutils): ${result.error.message}`);
   assert.equal(result.status, 0, result.stderr);
   return [...result.stdout.matchAll(/^\s+U (\S+)$/gm)].map((match) => match[1]);

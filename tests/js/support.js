@@ -1,20 +1,26 @@
 'use strict';
-// Helpers shared by the script tests: module paths, garbage collection, child processes.
+// Helpers shared by the script tests, the tools, the benchmarks, the soak run and the demo: module paths, helper
+// processes, private X servers, the XTest injector, waiting, garbage collection, child processes, percentiles.
 const path = require('node:path');
 const fs = require('node:fs');
 const v8 = require('node:v8');
 const vm = require('node:vm');
 const readline = require('node:readline');
-const { spawn, spawnSync } = require('node:child_process');
+const { spawn, spawnSync, execFileSync } = require('node:child_process');
+const { findModule } = require('../../lib/buildrecord.js');
 
-const buildDir = path.resolve(process.env.ZELBRIDGE_BUILD_DIR || path.join(__dirname, '..', '..', 'build', 'default'));
+const repoDir = path.resolve(__dirname, '..', '..');
+const buildDir = path.resolve(process.env.ZELBRIDGE_BUILD_DIR || path.join(repoDir, 'build', 'default'));
 const bridgePath = path.join(buildDir, 'zelbridge.node');
 const testkitPath = path.join(buildDir, 'zelbridge_testkit.node');
 const throwingPath = path.join(buildDir, 'zelbridge_throwing.node');
-const indexPath = path.join(__dirname, '..', '..', 'index.js');
+const indexPath = path.join(repoDir, 'index.js');
 
-for (const file of [bridgePath, testkitPath, throwingPath]) {
-  if (!fs.existsSync(file)) throw new Error(`${file} is not built (ZELBRIDGE_BUILD_DIR=${buildDir})`);
+/** The zelbridge.node that index.js loads (built for this runtime), or throws the Error index.js would throw. */
+function modulePath(env = process.env) {
+  const found = findModule(env);
+  if (found instanceof Error) throw found;
+  return found;
 }
 
 // True when the modules were built with a sanitizer runtime preloaded into node.
@@ -22,6 +28,7 @@ const sanitized = /lib[a-z]san\.so/.test(process.env.LD_PRELOAD || '');
 
 /** The testkit module (loaded once per process, like any addon). */
 function loadTestkit() {
+  if (!fs.existsSync(testkitPath)) throw new Error(`${testkitPath} is not built (ZELBRIDGE_BUILD_DIR=${buildDir})`);
   return require(testkitPath);
 }
 
@@ -90,9 +97,71 @@ function describe(result) {
 const requireTestkit = `require(${JSON.stringify(testkitPath)})`;
 const requireBridge = `require(${JSON.stringify(indexPath)})`;
 
+/** The environment of helper programs (Xvfb, xinject, shells): a sanitizer runtime preloaded into node is not theirs. */
+function toolEnv(extra = {}) {
+  const env = { ...process.env, ...extra };
+  delete env.LD_PRELOAD;
+  return env;
+}
+
+/** Sends `signal` to `pid`, then SIGKILL if it is still there after `ms`; resolves once it is gone. */
+async function stopProcess(pid, signal = 'SIGTERM', ms = 5000) {
+  const alive = () => {
+    try {
+      // A process that has ended but is not reaped yet ("Z") counts as gone.
+      return !/^\d+ \(.*\) Z/.test(fs.readFileSync(`/proc/${pid}/stat`, 'utf8'));
+    } catch {
+      return false;
+    }
+  };
+  try {
+    process.kill(pid, signal);
+  } catch {
+    return;
+  }
+  if (!(await waitFor(() => !alive(), ms))) {
+    try {
+      process.kill(pid, 'SIGKILL');
+    } catch {}
+    await waitFor(() => !alive(), ms);
+  }
+}
+
+/**
+ * Starts a private Xvfb, which picks a free display itself (-displayfd) and names it once it accepts clients.
+ * Resolves to { display, pid, stop(signal) }. `args` adds server options (for example -maxclients); `detached`
+ * leaves it running when this process ends (stop it by its pid); `log` names a file for its output.
+ */
+async function startXvfb({ args = [], detached = false, log } = {}) {
+  const out = log ? fs.openSync(log, 'a') : 'ignore';
+  const child = spawn('Xvfb', ['-displayfd', '3', '-nolisten', 'tcp', '-screen', '0', '1280x1024x24', '-noreset',
+    ...args], { stdio: ['ignore', out, out, 'pipe'], detached, env: toolEnv() });
+  if (log) fs.closeSync(out);
+  const number = await new Promise((resolve, reject) => {
+    let text = '';
+    child.stdio[3].on('data', (data) => {
+      text += data;
+      if (text.includes('\n')) resolve(text.trim());
+    });
+    child.once('error', (e) => reject(e.code === 'ENOENT' ? new Error('Xvfb is not installed (apt-get install xvfb)') : e));
+    child.once('exit', (code, signal) => reject(new Error(`Xvfb ended (${signal || `status ${code}`}) before it was ready`)));
+  });
+  child.stdio[3].destroy();
+  if (detached) child.unref();
+  return { display: `:${number}`, pid: child.pid, stop: (signal) => stopProcess(child.pid, signal) };
+}
+
+/** Nearest-rank percentiles of `values`, as { p50, p95, ... } for each p of `ps`; NaN when there are none. */
+function percentiles(values, ps = [50, 95, 99]) {
+  const sorted = Float64Array.from(values).sort();
+  const rank = (p) => sorted[Math.min(sorted.length - 1, Math.max(0, Math.ceil((p / 100) * sorted.length) - 1))];
+  return Object.fromEntries(ps.map((p) => [`p${p}`, sorted.length ? rank(p) : NaN]));
+}
+
 // ---- X input: the test Xvfb and the XTest injector tools/xinject ----
 
 const xinjectPath = process.env.XINJECT || path.join(buildDir, 'tools', 'xinject');
+const displayArgs = (display) => (display ? ['-d', display] : []);
 
 /**
  * Points DISPLAY at the test Xvfb, whose display the "xvfb" fixture writes to the file named by
@@ -105,6 +174,12 @@ function useTestDisplay() {
   }
   if (!process.env.DISPLAY) throw new Error('no X display: run through ctest (the "xvfb" fixture) or set DISPLAY');
   if (!fs.existsSync(xinjectPath)) throw new Error(`${xinjectPath} is not built`);
+  return process.env.DISPLAY;
+}
+
+/** Runs xinject once with `args` on DISPLAY (or `-d` in `args`) and returns its output; throws when it fails. */
+function xinject(...args) {
+  return execFileSync(xinjectPath, args, { encoding: 'utf8', env: toolEnv() });
 }
 
 /** Polls `done()` until it holds or `ms` pass, letting the event loop run; the final value of `done()`. */
@@ -119,8 +194,9 @@ async function waitFor(done, ms = 10000) {
  * The "seen" lists its helpers take hold [kind, record] pairs, kind 'motion' or 'buttons', in arrival order.
  */
 class Injector {
-  constructor() {
-    this.child = spawn(xinjectPath, ['script'], { stdio: ['pipe', 'pipe', 'inherit'] });
+  /** `display`: the X display to inject into (default: DISPLAY). */
+  constructor({ display = process.env.DISPLAY } = {}) {
+    this.child = spawn(xinjectPath, [...displayArgs(display), 'script'], { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
     this.lines = [];
     this.waiting = [];
     this.exited = false;
@@ -197,11 +273,17 @@ class Injector {
   }
 }
 
-/** Background input: (1, 1) and (-1, -1) moves at about 1,000 a second until `stop()` (which resolves once xinject has ended). */
-function streamMoves() {
-  const child = spawn(xinjectPath, ['script'], { stdio: ['pipe', 'ignore', 'inherit'] });
+/**
+ * Background input until `stop()` (which resolves once xinject has ended): `moves` ([dx, dy] pairs, taken in
+ * turn) at about `rate` a second on `display`.
+ */
+function streamMoves({ rate = 1000, moves = [[1, 1], [-1, -1]], display = process.env.DISPLAY } = {}) {
+  const child = spawn(xinjectPath, [...displayArgs(display), 'script'], { stdio: ['pipe', 'ignore', 'inherit'], env: toolEnv() });
   child.stdin.on('error', () => {});
-  const feed = setInterval(() => child.stdin.write('move 1 1 10 1000\nmove -1 -1 10 1000\n'), 20);
+  const tickMs = 20;
+  const each = Math.max(1, Math.round((rate * tickMs) / 1000 / moves.length));
+  const batch = moves.map(([dx, dy]) => `move ${dx} ${dy} ${each} ${rate}\n`).join('');
+  const feed = setInterval(() => child.stdin.write(batch), tickMs);
   const ended = new Promise((resolve) => child.once('exit', resolve));
   return {
     async stop() {
@@ -213,6 +295,12 @@ function streamMoves() {
 }
 
 module.exports = {
+  repoDir,
+  modulePath,
+  toolEnv,
+  stopProcess,
+  startXvfb,
+  percentiles,
   buildDir,
   bridgePath,
   testkitPath,
@@ -231,6 +319,7 @@ module.exports = {
   requireBridge,
   xinjectPath,
   useTestDisplay,
+  xinject,
   waitFor,
   Injector,
   streamMoves,
