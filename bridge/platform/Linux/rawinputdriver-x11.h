@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 #include "bridge/rawinputdriverbase.h"
 #include "common/com/comclass.h"
@@ -29,7 +28,7 @@ public:
 
 private:
     class InputClient;
-    class EventData;
+    enum class ReadOutcome;
 
     /// Value of valuator `index` of a raw event (`XIRawEvent`), 0.0 when the valuator is not set.
     template <typename RawEvent>
@@ -38,10 +37,9 @@ private:
     template <typename RawEvent>
     static void dumpRawEvent(const RawEvent& event);
 
-    /// The reader's client while it can take a stop request; guarded by `m_clientLock`.
-    InputClient* m_client = nullptr;
-    std::mutex m_clientLock;
-    /// Set by `breakInputProcessing`; a reader that has not published its client yet returns on it.
+    /// Wakes the reader for a stop (an eventfd the reader polls with its connection); -1 if it could not be made.
+    const int m_wakeFd;
+    /// Set by `breakInputProcessing`; the reader checks it before it connects and between events.
     std::atomic<bool> m_stopRequested{false};
 };
 
