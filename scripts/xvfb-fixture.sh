@@ -4,7 +4,8 @@
 #                                     writes STATE_DIR/display (":N") and STATE_DIR/pid, prints ":N"
 #   xvfb-fixture.sh stop STATE_DIR    stops the Xvfb recorded in STATE_DIR (by its pid) and removes the files
 # The server runs with -noreset: its state (pointer position, held buttons) survives the last client leaving.
-# Display numbers are tried from ZEL_XVFB_FIRST (default 64) to ZEL_XVFB_LAST (default 511).
+# Display numbers are tried from ZEL_XVFB_FIRST (default 64) to ZEL_XVFB_LAST (default 511); ZEL_XVFB_ARGS adds
+# server options (for example "-maxclients 64").
 set -euo pipefail
 
 usage() { echo "usage: $0 start|stop STATE_DIR" >&2; exit 2; }
@@ -44,7 +45,7 @@ start() {
   for n in $(seq "${ZEL_XVFB_FIRST:-64}" "${ZEL_XVFB_LAST:-511}"); do
     if [ -e "/tmp/.X11-unix/X$n" ] || [ -e "/tmp/.X$n-lock" ]; then continue; fi
     # Standard streams go to a file: the caller (ctest) must not wait for the server's end of its pipes.
-    Xvfb ":$n" -nolisten tcp -screen 0 1280x1024x24 -noreset </dev/null >"$dir/xvfb.log" 2>&1 &
+    Xvfb ":$n" -nolisten tcp -screen 0 1280x1024x24 -noreset ${ZEL_XVFB_ARGS:-} </dev/null >"$dir/xvfb.log" 2>&1 &
     pid=$!
     for _ in $(seq 1 100); do
       is_xvfb "$pid" || break  # the number was taken meanwhile, or the server failed: try the next one

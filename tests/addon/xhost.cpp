@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <tuple>
+#include <vector>
 
 #include "bridge/component.h"
 #include "common/com/comclass.h"
@@ -17,7 +18,7 @@
 namespace zel::testkit {
 namespace {
 
-Display* g_hostDisplay = nullptr;
+std::vector<Display*> g_hostDisplays;
 
 int hostIOErrorHandler(Display* display) {
     std::fprintf(stderr, "host I/O error handler: %s\n", DisplayString(display));
@@ -34,16 +35,19 @@ class XHostComponent final : public Component {
         common::js::bindToObject<XHostComponent>(isolate, object);
     }
 
-    /// Opens the host's connection to the default display; whether it opened.
+    /// Opens one more connection of the host's to the default display (kept until the process ends); whether it
+    /// opened.
     static bool open() {
-        g_hostDisplay = XOpenDisplay(nullptr);
-        return g_hostDisplay != nullptr;
+        Display* display = XOpenDisplay(nullptr);
+        if (display)
+            g_hostDisplays.push_back(display);
+        return display != nullptr;
     }
 
-    /// A round trip on the host's connection.
+    /// A round trip on each of the host's connections.
     static void roundTrip() {
-        if (g_hostDisplay)
-            XSync(g_hostDisplay, False);
+        for (Display* display : g_hostDisplays)
+            XSync(display, False);
     }
 
     /// Installs a process-wide I/O error handler that prints "host I/O error handler: <display>" and ends the

@@ -2,12 +2,15 @@
 #include "bridge/platform/Linux/rawinputdriver-x11.h"
 
 #include <malloc.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <utility>
@@ -45,10 +48,9 @@ static_assert(kXIRawMotion == XI_RawMotion);
 /// the system when the connection closes.
 constexpr int kTrimAfterQueuedEvents = 4096;
 
-void logConnectionLost(const std::string& displayName) {
-    COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Lost the connection to X display {0}: pointer capture ended",
-                  displayName);
-}
+/// How long a stop waits for the reader before it drops the reader's connection: the reader is then stuck in a
+/// round trip with a server that does not answer (stopped, hung).
+constexpr auto kStopGrace = std::chrono::milliseconds(250);
 
 }  // namespace
 
@@ -233,10 +235,32 @@ void XRawInputDriver::capturePointer(std::unique_ptr<Callback> callback) {
     uint64_t pending = 0;
     if (m_wakeFd >= 0)
         (void)!read(m_wakeFd, &pending, sizeof(pending));
+    {
+        std::lock_guard<std::mutex> lock(m_readerLock);
+        m_readerRunning = true;
+    }
     RawInputDriverBase::capturePointer(std::move(callback));
 }
 
+void XRawInputDriver::reportConnectionLost(const std::string& displayName) const {
+    // A connection dropped by a stop is no loss to report.
+    if (!m_stopRequested.load())
+        COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Lost the connection to X display {0}: pointer capture ended",
+                      displayName);
+}
+
 void XRawInputDriver::processInput() {
+    // Declared first, so that it runs last, after the connection is closed: the reader's end, told to a waiting stop.
+    struct ReaderEnd {
+        XRawInputDriver& driver;
+        ~ReaderEnd() {
+            std::lock_guard<std::mutex> lock(driver.m_readerLock);
+            if (driver.m_connectionFd >= 0)
+                close(std::exchange(driver.m_connectionFd, -1));
+            driver.m_readerRunning = false;
+            driver.m_readerEnded.notify_all();
+        }
+    } readerEnd{*this};
     if (m_stopRequested.load())
         return;
     if (m_wakeFd < 0) {
@@ -259,8 +283,13 @@ void XRawInputDriver::processInput() {
         COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Fail to open X display");
         return;
     }
+    {
+        // A copy of the connection's descriptor that lives until the reader ends, for a stop to drop the connection.
+        std::lock_guard<std::mutex> lock(m_readerLock);
+        m_connectionFd = fcntl(ConnectionNumber(client.display()), F_DUPFD_CLOEXEC, 0);
+    }
     if (client.lost())
-        return logConnectionLost(client.displayName());
+        return reportConnectionLost(client.displayName());
     if (!client.complete())
         return;  // the client has logged why
 
@@ -278,7 +307,7 @@ void XRawInputDriver::processInput() {
                 (void)client.queryPointerPosition();
             }
         }))
-        return logConnectionLost(client.displayName());
+        return reportConnectionLost(client.displayName());
     if (selectResult != 0) {
         COMMON_LOG_AT(Level::Error, kFile, 287, "Fail to select XInput events mask");
         return;
@@ -293,7 +322,7 @@ void XRawInputDriver::processInput() {
             PointerData record;
             ReadOutcome outcome = ReadOutcome::Empty;
             if (!client.call([&] { outcome = client.readEvent(record, queueMemory.peakQueued); }))
-                return logConnectionLost(client.displayName());
+                return reportConnectionLost(client.displayName());
             if (outcome == ReadOutcome::Empty)
                 break;
             if (outcome == ReadOutcome::Close)
@@ -314,6 +343,11 @@ void XRawInputDriver::breakInputProcessing(uint64_t /*threadHandle*/) {
     const uint64_t one = 1;
     if (m_wakeFd >= 0)
         (void)!write(m_wakeFd, &one, sizeof(one));
+    // A reader in a round trip with a server that does not answer never sees the wake-up: drop its connection
+    // (the reader then abandons it as lost) so that the join that follows cannot hang.
+    std::unique_lock<std::mutex> lock(m_readerLock);
+    if (!m_readerEnded.wait_for(lock, kStopGrace, [this] { return !m_readerRunning; }) && m_connectionFd >= 0)
+        shutdown(m_connectionFd, SHUT_RDWR);
 }
 
 common::ComPtr<RawInputDriver> RawInputDriver::create() {

@@ -3,8 +3,11 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <string>
 
 #include "bridge/rawinputdriverbase.h"
 #include "common/com/comclass.h"
@@ -37,10 +40,18 @@ private:
     template <typename RawEvent>
     static void dumpRawEvent(const RawEvent& event);
 
+    /// Logs the loss of the reader's connection, unless a stop dropped it.
+    void reportConnectionLost(const std::string& displayName) const;
+
     /// Wakes the reader for a stop (an eventfd the reader polls with its connection); -1 if it could not be made.
     const int m_wakeFd;
     /// Set by `breakInputProcessing`; the reader checks it before it connects and between events.
     std::atomic<bool> m_stopRequested{false};
+    /// Guards the reader's state below, which a stop waits on.
+    std::mutex m_readerLock;
+    std::condition_variable m_readerEnded;
+    bool m_readerRunning = false;  ///< from capturePointer until processInput has closed its connection
+    int m_connectionFd = -1;       ///< a duplicate of the reader's connection descriptor while it has one
 };
 
 }  // namespace zel
