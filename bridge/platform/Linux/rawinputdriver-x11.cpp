@@ -221,23 +221,24 @@ void XRawInputDriver::dumpRawEvent(const RawEvent& event) {
 
 template void XRawInputDriver::dumpRawEvent<XIRawEvent>(const XIRawEvent& event);
 
-XRawInputDriver::XRawInputDriver() : m_wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+XRawInputDriver::XRawInputDriver()
+    : m_wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_endedFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 XRawInputDriver::~XRawInputDriver() {
     releasePointerCapture();
-    if (m_wakeFd >= 0)
-        close(m_wakeFd);
+    for (const int fd : {m_wakeFd, m_endedFd}) {
+        if (fd >= 0)
+            close(fd);
+    }
 }
 
 void XRawInputDriver::capturePointer(std::unique_ptr<Callback> callback) {
     // No reader runs here (or one runs that was never asked to stop): a stale request must not end the next one.
     m_stopRequested.store(false);
-    uint64_t pending = 0;
-    if (m_wakeFd >= 0)
-        (void)!read(m_wakeFd, &pending, sizeof(pending));
-    {
-        std::lock_guard<std::mutex> lock(m_readerLock);
-        m_readerRunning = true;
+    for (const int fd : {m_wakeFd, m_endedFd}) {
+        uint64_t pending = 0;
+        if (fd >= 0)
+            (void)!read(fd, &pending, sizeof(pending));
     }
     RawInputDriverBase::capturePointer(std::move(callback));
 }
@@ -254,11 +255,14 @@ void XRawInputDriver::processInput() {
     struct ReaderEnd {
         XRawInputDriver& driver;
         ~ReaderEnd() {
-            std::lock_guard<std::mutex> lock(driver.m_readerLock);
-            if (driver.m_connectionFd >= 0)
-                close(std::exchange(driver.m_connectionFd, -1));
-            driver.m_readerRunning = false;
-            driver.m_readerEnded.notify_all();
+            {
+                std::lock_guard<std::mutex> lock(driver.m_readerLock);
+                if (driver.m_connectionFd >= 0)
+                    close(std::exchange(driver.m_connectionFd, -1));
+            }
+            const uint64_t one = 1;
+            if (driver.m_endedFd >= 0)
+                (void)!write(driver.m_endedFd, &one, sizeof(one));
         }
     } readerEnd{*this};
     if (m_stopRequested.load())
@@ -345,8 +349,11 @@ void XRawInputDriver::breakInputProcessing(uint64_t /*threadHandle*/) {
         (void)!write(m_wakeFd, &one, sizeof(one));
     // A reader in a round trip with a server that does not answer never sees the wake-up: drop its connection
     // (the reader then abandons it as lost) so that the join that follows cannot hang.
-    std::unique_lock<std::mutex> lock(m_readerLock);
-    if (!m_readerEnded.wait_for(lock, kStopGrace, [this] { return !m_readerRunning; }) && m_connectionFd >= 0)
+    pollfd ended = {m_endedFd, POLLIN, 0};
+    if (poll(&ended, 1, static_cast<int>(kStopGrace.count())) > 0)
+        return;
+    std::lock_guard<std::mutex> lock(m_readerLock);
+    if (m_connectionFd >= 0)
         shutdown(m_connectionFd, SHUT_RDWR);
 }
 

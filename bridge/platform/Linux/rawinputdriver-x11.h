@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -47,11 +46,10 @@ private:
     const int m_wakeFd;
     /// Set by `breakInputProcessing`; the reader checks it before it connects and between events.
     std::atomic<bool> m_stopRequested{false};
-    /// Guards the reader's state below, which a stop waits on.
-    std::mutex m_readerLock;
-    std::condition_variable m_readerEnded;
-    bool m_readerRunning = false;  ///< from capturePointer until processInput has closed its connection
-    int m_connectionFd = -1;       ///< a duplicate of the reader's connection descriptor while it has one
+    /// Tells a waiting stop that the reader has ended (an eventfd the reader writes last); -1 if it could not be made.
+    const int m_endedFd;
+    std::mutex m_readerLock;  ///< guards m_connectionFd
+    int m_connectionFd = -1;  ///< a duplicate of the reader's connection descriptor while it has one
 };
 
 }  // namespace zel
