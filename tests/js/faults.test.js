@@ -402,7 +402,15 @@ test('after a lost connection a capture started again says why it cannot read, a
     server.stop();
     child.next();
     assert.ok(await child.waitFor('stdout', 'Fail to open X display', 5000), describe(child.output));
-    again = startServer({ display: server.display });
+    // The killed server's display number can take a moment to be free again.
+    for (let attempt = 0; !again; ++attempt) {
+      try {
+        again = startServer({ display: server.display });
+      } catch (error) {
+        if (attempt === 20) throw error;
+        await sleep(250);
+      }
+    }
     child.next();
     assert.ok(await child.waitFor('stderr', 'restarted\n'), describe(child.output));
     assert.ok(await moveUntil(again.display, () => countLines(child.output.stderr, 'capturing') === 2),

@@ -57,7 +57,7 @@ constexpr auto kStopGrace = std::chrono::milliseconds(250);
 /// What one read of the reader's connection gave.
 enum class XRawInputDriver::ReadOutcome { Empty, Skipped, Record, Close };
 
-/// One X connection of the reader thread with its receiver window; built on the reader thread's stack.
+/// One X connection of the reader thread with its receiver window; built on the reader thread's stack, then set up.
 /// A failed step leaves it half-built (no receiver window); only the missing display is silent. Every Xlib call on
 /// the connection goes through `call`: a connection lost on the way is abandoned (never used or closed again).
 class XRawInputDriver::InputClient {
@@ -65,10 +65,13 @@ public:
     InputClient() {
         x11::installIOErrorHandler();
         m_display = XOpenDisplay(nullptr);
-        if (!m_display)
-            return;
-        m_displayName = DisplayString(m_display);
+        if (m_display)
+            m_displayName = DisplayString(m_display);
+    }
 
+    /// Asks the server for what the reader needs and creates the receiver window. A failed step leaves the client
+    /// incomplete and logs why, except a lost connection (`lost()`).
+    void setUp() {
         int firstEvent = 0;
         int firstError = 0;
         bool hasExtension = false;
@@ -292,6 +295,7 @@ void XRawInputDriver::processInput() {
         std::lock_guard<std::mutex> lock(m_readerLock);
         m_connectionFd = fcntl(ConnectionNumber(client.display()), F_DUPFD_CLOEXEC, 0);
     }
+    client.setUp();
     if (client.lost())
         return reportConnectionLost(client.displayName());
     if (!client.complete())
