@@ -68,10 +68,13 @@ void LogInternal::removeHandler(const void*) { setHandler(nullptr); }
 namespace zel {
 
 void writeDebugString(const char* text) {
+    // One line at a time: lines written by several threads never interleave.
+    flockfile(stdout);
     if (text)
         std::fputs(text, stdout);
     std::fputc('\n', stdout);
     std::fflush(stdout);
+    funlockfile(stdout);
 }
 
 }  // namespace zel

@@ -9,7 +9,7 @@ const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const path = require('node:path');
-const { spawn } = require('node:child_process');
+const { spawn, spawnSync } = require('node:child_process');
 const { buildDir, describe, requireBridge, runChild } = require('./support');
 
 if (process.env.ZEL_XVFB_DISPLAY_FILE) {
@@ -19,15 +19,22 @@ if (!process.env.DISPLAY) throw new Error('no X display: run through ctest (the 
 const xinjectPath = process.env.XINJECT || path.join(buildDir, 'tools', 'xinject');
 const ROUNDS = Number(process.env.ZEL_FAULT_ROUNDS || 2);
 
-/** Moves streamed to the display while `body` runs (the injector runs without the sanitizer preload). */
+/**
+ * Moves streamed to the display while `body` runs (the injector runs without the sanitizer preload); the pointer is
+ * brought back to the middle of the screen afterwards, away from the edges for the next test on this display.
+ */
 async function withMoves(body) {
   const env = { ...process.env };
   delete env.LD_PRELOAD;
   const injector = spawn(xinjectPath, ['move', '1', '1', '-n', '1000000', '-r', '1000'], { stdio: 'ignore', env });
+  const ended = new Promise((resolve) => injector.on('exit', resolve));
   try {
     return await body();
   } finally {
     injector.kill('SIGKILL');
+    await ended;
+    const [x, y] = spawnSync(xinjectPath, ['pos'], { env, encoding: 'utf8' }).stdout.trim().split(' ').map(Number);
+    spawnSync(xinjectPath, ['move', String(640 - x), String(512 - y)], { env });
   }
 }
 
