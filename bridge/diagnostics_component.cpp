@@ -1,6 +1,8 @@
 // The "diagnostics" component.
 #include "bridge/diagnostics_component.h"
 
+#include <unistd.h>
+
 #include <atomic>
 
 #include "common/diagnostics/log.h"
@@ -12,6 +14,11 @@ namespace {
 
 // Live diagnostics components: a handler can be installed only while one exists to remove it again.
 std::atomic<int> g_liveComponents{0};
+
+// The log handler slot is process-wide and its handler holds a script function of the isolate that installed it,
+// which only that isolate's thread may release: the slot belongs to the main thread (the process's first thread,
+// where the host runs its main context). Workers neither install nor remove a handler.
+bool onMainThread() { return gettid() == getpid(); }
 
 }  // namespace
 
@@ -25,12 +32,16 @@ DiagnosticsComponent::DiagnosticsComponent(v8::Isolate* isolate, v8::Local<v8::O
 
 DiagnosticsComponent::~DiagnosticsComponent() {
     --g_liveComponents;
-    Log::setHandler(nullptr);
+    if (onMainThread())
+        Log::setHandler(nullptr);
 }
 
 void DiagnosticsComponent::setLogHandler(std::unique_ptr<ScriptLogHandler> callback) {
     if (g_liveComponents.load() == 0)
         COMMON_THROW_AT("../bridge/diagnostics_component", __LINE__, "The diagnostics component has been shut down");
+    if (!onMainThread())
+        COMMON_THROW_AT("../bridge/diagnostics_component", __LINE__,
+                        "setLogHandler is supported on the main thread only, not in a Worker");
     v8::Isolate* isolate = v8::Isolate::GetCurrent();
     Log::setHandler(Log::Handler::makeUnique(
         [callback = std::move(callback), isolate](Log::Level level, const LogContext&, const char* message) noexcept {

@@ -31,7 +31,11 @@ protected:
     void notifyPointerEvent(PointerData data);
 
 private:
+    class RunningReaders;
+
     static void threadEntry__(void* driver);
+    /// Stops and joins the reader thread, if there is one; whether there was.
+    bool joinReader__();
 
     mutable common::threading::CriticalSection m_lock;
     std::optional<uv_thread_t> m_thread;  ///< engaged while a reader thread exists

@@ -143,7 +143,7 @@ async function runWorkload(options, snapshots) {
   z.diagnostics.setLogHandler(() => {});
   snapshots.push(await snapshot('loaded'));
 
-  const background = streamMoves({ rate: options.rate, moves: [[0, 1], [0, -1]], display: options.display });
+  const background = streamMoves({ rate: options.rate, move: [0, 1], display: options.display });
   const counter = new Injector({ display: options.display });
 
   // Phase 1: start/stop cycles of one capture object (a new one per call, dropped at the end). Its callback

@@ -3,6 +3,7 @@
  * Usage: xinject [-d DISPLAY] COMMAND [ARGS] [-n N] [-r RATE] [-t]
  *
  *   move DX DY       relative motion by (DX, DY); the pointer is never warped
+ *   wiggle DX DY     relative motions by (DX, DY) and (-DX, -DY) in turn: input that leaves the pointer in place
  *   click BUTTON     press and release BUTTON (1..7)
  *   press BUTTON     press BUTTON and leave it held (the server keeps it down after xinject exits)
  *   release BUTTON   release BUTTON
@@ -10,7 +11,7 @@
  *   pos              print the pointer position "X Y"
  *   script           read commands from standard input, one per line (see below)
  *
- *   -n N     repeat the command N times (move, click; default 1)
+ *   -n N     repeat the command N times (move, wiggle, click; default 1)
  *   -r RATE  send RATE commands per second (0, the default, sends back to back)
  *   -t       print the CLOCK_MONOTONIC time in nanoseconds of every sent event (taken right before the request
  *            is written), one per line
@@ -85,6 +86,12 @@ static void moveStep(Display* display, long dx, long dy) {
     sent(display);
 }
 
+static void wiggleStep(Display* display, long dx, long dy) {
+    static long sign = 1;
+    moveStep(display, sign * dx, sign * dy);
+    sign = -sign;
+}
+
 static void clickStep(Display* display, long button, long unused) {
     (void)unused;
     XTestFakeButtonEvent(display, (unsigned)button, True, CurrentTime);
@@ -134,10 +141,10 @@ static const char* runCommand(Display* display, int argc, char** argv, long coun
     if (argc < 1)
         return "empty command";
     const char* name = argv[0];
-    if (strcmp(name, "move") == 0) {
+    if (strcmp(name, "move") == 0 || strcmp(name, "wiggle") == 0) {
         if (argc != 3 || !parseLong(argv[1], &a) || !parseLong(argv[2], &b))
-            return "usage: move DX DY";
-        repeat(display, moveStep, a, b, count, rate);
+            return "usage: move|wiggle DX DY";
+        repeat(display, name[0] == 'm' ? moveStep : wiggleStep, a, b, count, rate);
     } else if (strcmp(name, "click") == 0) {
         if (argc != 2 || !parseLong(argv[1], &a) || !validButton(a))
             return "usage: click BUTTON (1..7)";
@@ -205,7 +212,8 @@ static int runScript(Display* display) {
 
 static void usage(void) {
     fprintf(stderr,
-            "usage: xinject [-d DISPLAY] move DX DY | click B | press B | release B | hold B MS | pos | script\n"
+            "usage: xinject [-d DISPLAY] move DX DY | wiggle DX DY | click B | press B | release B | hold B MS | pos |\n"
+            "               script\n"
             "               [-n N] [-r RATE] [-t]\n");
 }
 

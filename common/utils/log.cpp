@@ -2,6 +2,7 @@
 #include "common/diagnostics/log.h"
 
 #include <cstdio>
+#include <thread>
 #include <vector>
 
 namespace common::diagnostics {
@@ -33,18 +34,31 @@ LogInternal& LogInternal::instance() {
     return instance;
 }
 
+LogInternal::~LogInternal() { delete m_handler.load(); }
+
 void LogInternal::write(Log::Level level, const LogContext& context, const std::string& message) const {
-    if (!m_handler)
+    if (!m_handler.load())
         return;
     WriteScope scope;
-    m_handler->invoke(level, context, message.c_str());
+    struct Writer {
+        std::atomic<int>& writers;
+        explicit Writer(std::atomic<int>& count) : writers(count) { ++writers; }
+        ~Writer() { --writers; }
+    } writer(m_writers);
+    if (Log::Handler* handler = m_handler.load())
+        handler->invoke(level, context, message.c_str());
 }
 
 Log::Handler* LogInternal::setHandler(std::unique_ptr<Log::Handler> handler) {
-    if (t_writeDepth > 0 && m_handler)
-        t_retiredHandlers.push_back(std::move(m_handler));
-    m_handler = std::move(handler);
-    return m_handler.get();
+    Log::Handler* installed = handler.get();
+    std::unique_ptr<Log::Handler> replaced(m_handler.exchange(handler.release()));
+    // Writers that loaded the replaced handler before the exchange may still run it on other threads: wait for
+    // them (those of this thread are below this call and run it until they return).
+    while (m_writers.load() > t_writeDepth)
+        std::this_thread::yield();
+    if (t_writeDepth > 0 && replaced)
+        t_retiredHandlers.push_back(std::move(replaced));
+    return installed;
 }
 
 void LogInternal::removeHandler(const void*) { setHandler(nullptr); }
@@ -54,10 +68,13 @@ void LogInternal::removeHandler(const void*) { setHandler(nullptr); }
 namespace zel {
 
 void writeDebugString(const char* text) {
+    // One line at a time: lines written by several threads never interleave.
+    flockfile(stdout);
     if (text)
         std::fputs(text, stdout);
     std::fputc('\n', stdout);
     std::fflush(stdout);
+    funlockfile(stdout);
 }
 
 }  // namespace zel

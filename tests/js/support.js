@@ -129,13 +129,14 @@ async function stopProcess(pid, signal = 'SIGTERM', ms = 5000) {
 
 /**
  * Starts a private Xvfb, which picks a free display itself (-displayfd) and names it once it accepts clients.
- * Resolves to { display, pid, stop(signal) }. `args` adds server options (for example -maxclients); `detached`
- * leaves it running when this process ends (stop it by its pid); `log` names a file for its output.
+ * Resolves to { display, pid, stop(signal) }. `display` (":N") asks for that display instead; `args` adds server
+ * options (for example -maxclients); `detached` leaves it running when this process ends (stop it by its pid);
+ * `log` names a file for its output.
  */
-async function startXvfb({ args = [], detached = false, log } = {}) {
+async function startXvfb({ display, args = [], detached = false, log } = {}) {
   const out = log ? fs.openSync(log, 'a') : 'ignore';
-  const child = spawn('Xvfb', ['-displayfd', '3', '-nolisten', 'tcp', '-screen', '0', '1280x1024x24', '-noreset',
-    ...args], { stdio: ['ignore', out, out, 'pipe'], detached, env: toolEnv() });
+  const child = spawn('Xvfb', [...(display ? [display] : []), '-displayfd', '3', '-nolisten', 'tcp', '-screen', '0',
+    '1280x1024x24', '-noreset', ...args], { stdio: ['ignore', out, out, 'pipe'], detached, env: toolEnv() });
   if (log) fs.closeSync(out);
   const number = await new Promise((resolve, reject) => {
     let text = '';
@@ -274,20 +275,16 @@ class Injector {
 }
 
 /**
- * Background input until `stop()` (which resolves once xinject has ended): `moves` ([dx, dy] pairs, taken in
- * turn) at about `rate` a second on `display`.
+ * Background input at about `rate` moves a second on `display` until `stop()` (which resolves once xinject has
+ * ended): moves of `move` ([dx, dy]), alternating with their opposite when `wiggle` (the pointer stays in place).
+ * xinject paces itself, so the input flows while this process's event loop is blocked too.
  */
-function streamMoves({ rate = 1000, moves = [[1, 1], [-1, -1]], display = process.env.DISPLAY } = {}) {
-  const child = spawn(xinjectPath, [...displayArgs(display), 'script'], { stdio: ['pipe', 'ignore', 'inherit'], env: toolEnv() });
-  child.stdin.on('error', () => {});
-  const tickMs = 20;
-  const each = Math.max(1, Math.round((rate * tickMs) / 1000 / moves.length));
-  const batch = moves.map(([dx, dy]) => `move ${dx} ${dy} ${each} ${rate}\n`).join('');
-  const feed = setInterval(() => child.stdin.write(batch), tickMs);
+function streamMoves({ rate = 1000, move = [1, 1], wiggle = true, display = process.env.DISPLAY } = {}) {
+  const child = spawn(xinjectPath, [...displayArgs(display), wiggle ? 'wiggle' : 'move', ...move.map(String),
+    '-n', '1000000000', '-r', String(rate)], { stdio: 'ignore', env: toolEnv() });
   const ended = new Promise((resolve) => child.once('exit', resolve));
   return {
     async stop() {
-      clearInterval(feed);
       child.kill('SIGTERM');
       await ended;
     },

@@ -1,12 +1,16 @@
 // Mouse button state from the X server's pointer query, on a connection of its own.
 #include "bridge/platform/Linux/mousetool-linux.h"
 
+#include <mutex>
+
 #include "bridge/platform/Linux/rawinputdriver-x11_internal.h"
 #include "common/diagnostics/log.h"
 
 // Xlib last: its macros must not reach the declarations above.
 #include <X11/X.h>
 #include <X11/Xlib.h>
+
+#include "bridge/platform/Linux/xioerror.h"
 
 namespace zel {
 
@@ -20,37 +24,71 @@ static_assert(common::zel_internal::kButton1Mask == Button1Mask);
 static_assert(common::zel_internal::kButton2Mask == Button2Mask);
 static_assert(common::zel_internal::kButton3Mask == Button3Mask);
 
-/// The process's connection for button queries, opened once on first use and never closed; null when no
-/// display could be opened (it is not retried).
-Display* queryDisplay() {
-    static Display* const display = XOpenDisplay(nullptr);
-    return display;
+/// The process's connection for button queries: opened on first use and never closed; not retried when no display
+/// could be opened. Every thread that queries (the main thread and Workers) takes the lock.
+struct QueryConnection {
+    std::mutex lock;
+    bool opened = false;
+    bool lost = false;  ///< the server went away: the connection is abandoned, never used again
+    Display* display = nullptr;
+    Window root = 0;
+};
+
+QueryConnection& queryConnection() {
+    static QueryConnection connection;
+    return connection;
 }
 
-/// The root window of the query connection's default screen; 0 without a display.
-Window queryRootWindow() {
-    static const Window root = queryDisplay() ? XDefaultRootWindow(queryDisplay()) : Window(0);
-    return root;
+enum class QueryResult { Answered, NoDisplay, Lost, Failed };
+
+/// Asks the server for the pointer's button mask; the result says what became of the question.
+QueryResult queryButtonMask(unsigned& mask) {
+    QueryConnection& connection = queryConnection();
+    std::lock_guard<std::mutex> lock(connection.lock);
+    if (!connection.opened) {
+        connection.opened = true;
+        x11::installIOErrorHandler();
+        connection.display = XOpenDisplay(nullptr);
+        if (connection.display)
+            connection.root = XDefaultRootWindow(connection.display);
+    }
+    if (!connection.display)
+        return QueryResult::NoDisplay;
+    if (connection.lost)
+        return QueryResult::Lost;
+
+    Bool answered = False;
+    if (!x11::guardedXCall(connection.display, [&] {
+            Window rootReturn = 0;
+            Window childReturn = 0;
+            int rootX = 0;
+            int rootY = 0;
+            int winX = 0;
+            int winY = 0;
+            answered = XQueryPointer(connection.display, connection.root, &rootReturn, &childReturn, &rootX, &rootY,
+                                     &winX, &winY, &mask);
+        })) {
+        connection.lost = true;
+        return QueryResult::Lost;
+    }
+    return answered == True ? QueryResult::Answered : QueryResult::Failed;
 }
 
 }  // namespace
 
 bool MouseTool::getButtonState(MouseButton button) {
-    Display* const display = queryDisplay();
-    const Window root = queryRootWindow();
-    if (!display) {
+    // Logged without the lock: a log handler may call back into this function.
+    unsigned mask = 0;
+    switch (queryButtonMask(mask)) {
+    case QueryResult::Answered:
+        break;
+    case QueryResult::NoDisplay:
         COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "No X display to query the pointer");
         return false;
-    }
-
-    Window rootReturn = 0;
-    Window childReturn = 0;
-    int rootX = 0;
-    int rootY = 0;
-    int winX = 0;
-    int winY = 0;
-    unsigned int mask = 0;
-    if (XQueryPointer(display, root, &rootReturn, &childReturn, &rootX, &rootY, &winX, &winY, &mask) != True) {
+    case QueryResult::Lost:
+        COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "The X display connection for pointer queries was lost");
+        return false;
+    case QueryResult::Failed:
         COMMON_LOG_AT(Level::Warning, kFile, 46, "XQueryPointer returns False");
         return false;
     }

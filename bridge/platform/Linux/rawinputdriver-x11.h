@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "bridge/rawinputdriverbase.h"
 #include "common/com/comclass.h"
@@ -29,7 +30,7 @@ public:
 
 private:
     class InputClient;
-    class EventData;
+    enum class ReadOutcome;
 
     /// Value of valuator `index` of a raw event (`XIRawEvent`), 0.0 when the valuator is not set.
     template <typename RawEvent>
@@ -38,11 +39,17 @@ private:
     template <typename RawEvent>
     static void dumpRawEvent(const RawEvent& event);
 
-    /// The reader's client while it can take a stop request; guarded by `m_clientLock`.
-    InputClient* m_client = nullptr;
-    std::mutex m_clientLock;
-    /// Set by `breakInputProcessing`; a reader that has not published its client yet returns on it.
+    /// Logs the loss of the reader's connection, unless a stop dropped it.
+    void reportConnectionLost(const std::string& displayName) const;
+
+    /// Wakes the reader for a stop (an eventfd the reader polls with its connection); -1 if it could not be made.
+    const int m_wakeFd;
+    /// Set by `breakInputProcessing`; the reader checks it before it connects and between events.
     std::atomic<bool> m_stopRequested{false};
+    /// Tells a waiting stop that the reader has ended (an eventfd the reader writes last); -1 if it could not be made.
+    const int m_endedFd;
+    std::mutex m_readerLock;  ///< guards m_connectionFd
+    int m_connectionFd = -1;  ///< a duplicate of the reader's connection descriptor while it has one
 };
 
 }  // namespace zel

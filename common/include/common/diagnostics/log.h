@@ -1,6 +1,7 @@
 // The process-wide log: leveled messages with a source location, delivered to at most one handler.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -38,10 +39,12 @@ struct Log {
     static void setHandler(std::unique_ptr<Handler> handler);
 };
 
-/// The singleton behind `Log`: holds the one handler.
+/// The singleton behind `Log`: holds the one handler. Any thread may write while the handler is replaced: a
+/// replaced handler is destroyed only once no other thread still runs it.
 class LogInternal {
 public:
     static LogInternal& instance();
+    ~LogInternal();
 
     void write(Log::Level level, const LogContext& context, const std::string& message) const;
     Log::Handler* setHandler(std::unique_ptr<Log::Handler> handler);
@@ -49,7 +52,8 @@ public:
     void removeHandler(const void* token);
 
 private:
-    std::unique_ptr<Log::Handler> m_handler;
+    std::atomic<Log::Handler*> m_handler{nullptr};  ///< owned
+    mutable std::atomic<int> m_writers{0};          ///< handler calls in progress, over all threads
 };
 
 }  // namespace common::diagnostics
