@@ -247,24 +247,31 @@ int printSummary() {
     AtomicWeak atomicSharedWeak = atomicShared;
 
     const Pair pairs[] = {
-        measure("create+release, SingleThreadRC / single make_shared", kCreateTarget,
-                [] { oursCreateRelease<SingleObject>(); },
-                [] { theirsCreateReset<SingleShared, &makeSingleShared>(); }),
-        measure("create+release, ConcurrentRC / atomic make_shared", kCreateTarget,
-                [] { oursCreateRelease<ConcurrentObject>(); },
-                [] { theirsCreateReset<AtomicShared, &makeAtomicShared>(); }),
-        measure("copy+destroy, SingleThreadRC / single shared_ptr", kCopyTarget, [&] { oursCopy(single); },
-                [&] { theirsCopy(singleShared); }),
-        measure("copy+destroy, ConcurrentRC / atomic shared_ptr", kCopyTarget, [&] { oursCopy(concurrent); },
-                [&] { theirsCopy(atomicShared); }),
-        measure("  the same through a class handle, SingleThreadRC", kCopyTarget,
-                [&] { oursCopyConcrete(singleClass); }, [&] { theirsCopy(singleShared); }),
-        measure("  the same through a class handle, ConcurrentRC", kCopyTarget,
-                [&] { oursCopyConcrete(concurrentClass); }, [&] { theirsCopy(atomicShared); }),
-        measure("weak acquire, SingleThreadRC / single weak_ptr::lock", 0, [&] { oursWeakAcquire(singleWeak); },
-                [&] { theirsWeakLock(singleSharedWeak); }),
-        measure("weak acquire, ConcurrentRC / atomic weak_ptr::lock", 0, [&] { oursWeakAcquire(concurrentWeak); },
-                [&] { theirsWeakLock(atomicSharedWeak); }),
+        measure(
+            "create+release, SingleThreadRC / single make_shared", kCreateTarget,
+            [] { oursCreateRelease<SingleObject>(); }, [] { theirsCreateReset<SingleShared, &makeSingleShared>(); }),
+        measure(
+            "create+release, ConcurrentRC / atomic make_shared", kCreateTarget,
+            [] { oursCreateRelease<ConcurrentObject>(); },
+            [] { theirsCreateReset<AtomicShared, &makeAtomicShared>(); }),
+        measure(
+            "copy+destroy, SingleThreadRC / single shared_ptr", kCopyTarget, [&] { oursCopy(single); },
+            [&] { theirsCopy(singleShared); }),
+        measure(
+            "copy+destroy, ConcurrentRC / atomic shared_ptr", kCopyTarget, [&] { oursCopy(concurrent); },
+            [&] { theirsCopy(atomicShared); }),
+        measure(
+            "  the same through a class handle, SingleThreadRC", kCopyTarget, [&] { oursCopyConcrete(singleClass); },
+            [&] { theirsCopy(singleShared); }),
+        measure(
+            "  the same through a class handle, ConcurrentRC", kCopyTarget, [&] { oursCopyConcrete(concurrentClass); },
+            [&] { theirsCopy(atomicShared); }),
+        measure(
+            "weak acquire, SingleThreadRC / single weak_ptr::lock", 0, [&] { oursWeakAcquire(singleWeak); },
+            [&] { theirsWeakLock(singleSharedWeak); }),
+        measure(
+            "weak acquire, ConcurrentRC / atomic weak_ptr::lock", 0, [&] { oursWeakAcquire(concurrentWeak); },
+            [&] { theirsWeakLock(atomicSharedWeak); }),
     };
     singleWeak->release();
     concurrentWeak->release();

@@ -172,13 +172,12 @@ int printSummary() {
     const double formattedLogAllocs = allocationsPerCall(formattedLogWithoutHandler, kCalls);
 
     std::printf("\nSummary (best of %d rounds of %d calls)\n", kRounds, kCalls);
-    std::printf("  %-36s %8.1f ns/call  %5.2f allocations/call\n", "format(\"{0}({1}):{2}\")", formatNs,
-                formatAllocs);
+    std::printf("  %-36s %8.1f ns/call  %5.2f allocations/call\n", "format(\"{0}({1}):{2}\")", formatNs, formatAllocs);
     std::printf("  %-36s %8.1f ns/call  %5.2f allocations/call\n", "hand-written ostringstream", streamNs,
                 streamAllocs);
     std::printf("  %-36s %8.1f ns/call  %5.2f allocations/call\n", "Log::write, no handler", logNs, logAllocs);
-    std::printf("  %-36s %8.1f ns/call  %5.2f allocations/call\n", "Log::write, formatted, no handler",
-                formattedLogNs, formattedLogAllocs);
+    std::printf("  %-36s %8.1f ns/call  %5.2f allocations/call\n", "Log::write, formatted, no handler", formattedLogNs,
+                formattedLogAllocs);
     std::printf("  %-36s %8.2f\n", "format/ostringstream ratio", formatNs / streamNs);
 
     if (formatAllocs > kMaxFormatAllocations) {

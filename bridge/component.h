@@ -32,8 +32,8 @@ void shutdownNodeModule();
 }  // namespace zel
 
 /// Registers component class `Concrete` under the script name `name` (one per source unit).
-#define ZEL_REGISTER_COMPONENT(name, Concrete)                                                            \
-    static const ::zel::ComponentRegistration g_componentRegistration__(                                  \
+#define ZEL_REGISTER_COMPONENT(name, Concrete)                                                                 \
+    static const ::zel::ComponentRegistration g_componentRegistration__(                                       \
         (name), [](v8::Isolate* isolate, v8::Local<v8::Object> object) -> ::common::ComPtr<::zel::Component> { \
-            return ::common::com::createInstance<Concrete, ::zel::Component>(isolate, object);             \
+            return ::common::com::createInstance<Concrete, ::zel::Component>(isolate, object);                 \
         })

@@ -27,8 +27,9 @@ class CrashEmitter final : public Component {
         static constexpr auto attributes() {
             return std::make_tuple(
                 common::meta::ClassBase<Component>{},
-                common::meta::ClassMethods{common::meta::createMethodInfo<&CrashEmitter::emitAccessViolation>("emitAccessViolation"),
-                                           common::meta::createMethodInfo<&CrashEmitter::emitStackOverflow>("emitStackOverflow")});
+                common::meta::ClassMethods{
+                    common::meta::createMethodInfo<&CrashEmitter::emitAccessViolation>("emitAccessViolation"),
+                    common::meta::createMethodInfo<&CrashEmitter::emitStackOverflow>("emitStackOverflow")});
         }
     };
 };

@@ -31,8 +31,10 @@ class DiagnosticsComponent final : public Component {
     struct ClassAttributes__ {
         using Class = DiagnosticsComponent;
         static constexpr auto attributes() {
-            return std::make_tuple(common::meta::ClassBase<Component>{},
-                                   common::meta::ClassMethods{common::meta::createMethodInfo<&DiagnosticsComponent::setLogHandler>("setLogHandler")});
+            return std::make_tuple(
+                common::meta::ClassBase<Component>{},
+                common::meta::ClassMethods{
+                    common::meta::createMethodInfo<&DiagnosticsComponent::setLogHandler>("setLogHandler")});
         }
     };
 };

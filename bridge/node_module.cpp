@@ -1,8 +1,7 @@
 // The module entry: the component registry, the live components and "shutdown".
 #include <node.h>
-#include <v8.h>
-
 #include <uv.h>
+#include <v8.h>
 
 #include <exception>
 #include <list>
@@ -140,9 +139,8 @@ void releaseEnvironment(void* arg) {
     });
     lock.unlock();
     if (request)
-        uv_close(reinterpret_cast<uv_handle_t*>(request), [](uv_handle_t* closed) {
-            delete reinterpret_cast<uv_async_t*>(closed);
-        });
+        uv_close(reinterpret_cast<uv_handle_t*>(request),
+                 [](uv_handle_t* closed) { delete reinterpret_cast<uv_async_t*>(closed); });
     released.clear();
 }
 

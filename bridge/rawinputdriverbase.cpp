@@ -68,9 +68,7 @@ RawInputDriverBase::~RawInputDriverBase() {
     m_callback.reset();
 }
 
-void RawInputDriverBase::threadEntry__(void* driver) {
-    static_cast<RawInputDriverBase*>(driver)->processInput();
-}
+void RawInputDriverBase::threadEntry__(void* driver) { static_cast<RawInputDriverBase*>(driver)->processInput(); }
 
 void RawInputDriverBase::capturePointer(std::unique_ptr<Callback> callback) {
     std::lock_guard<common::threading::CriticalSection> lock(m_lock);

@@ -38,7 +38,7 @@ private:
     bool joinReader__();
 
     mutable common::threading::CriticalSection m_lock;
-    std::optional<uv_thread_t> m_thread;  ///< engaged while a reader thread exists
+    std::optional<uv_thread_t> m_thread;   ///< engaged while a reader thread exists
     std::unique_ptr<Callback> m_callback;  ///< non-null exactly while the pointer is captured
 };
 

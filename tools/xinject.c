@@ -30,14 +30,13 @@
  */
 #define _GNU_SOURCE
 
+#include <X11/Xlib.h>
+#include <X11/extensions/XTest.h>
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-
-#include <X11/Xlib.h>
-#include <X11/extensions/XTest.h>
 
 static int g_printTimes = 0;
 
@@ -211,10 +210,11 @@ static int runScript(Display* display) {
 }
 
 static void usage(void) {
-    fprintf(stderr,
-            "usage: xinject [-d DISPLAY] move DX DY | wiggle DX DY | click B | press B | release B | hold B MS | pos |\n"
-            "               script\n"
-            "               [-n N] [-r RATE] [-t]\n");
+    fprintf(
+        stderr,
+        "usage: xinject [-d DISPLAY] move DX DY | wiggle DX DY | click B | press B | release B | hold B MS | pos |\n"
+        "               script\n"
+        "               [-n N] [-r RATE] [-t]\n");
 }
 
 int main(int argc, char** argv) {

@@ -2,13 +2,12 @@
 
 #include "xraw.h"
 
+#include <X11/extensions/XInput2.h>
 #include <errno.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-
-#include <X11/extensions/XInput2.h>
 
 long long xrawNowNs(void) {
     struct timespec ts;
@@ -110,24 +109,24 @@ int xrawNext(XRawReader* reader, long long deadline, XRawRecord* record) {
         return 1;
     const XIRawEvent* raw = (const XIRawEvent*)event.xcookie.data;
     switch (event.xcookie.evtype) {
-    case XI_RawMotion: {
-        Window rootReturn = 0, child = 0;
-        int winX = 0, winY = 0;
-        unsigned int buttons = 0;
-        XQueryPointer(reader->display, reader->root, &rootReturn, &child, &record->x, &record->y, &winX, &winY,
-                      &buttons);
-        record->kind = XRAW_MOTION;
-        record->dx = rawValuator(raw, 0);
-        record->dy = rawValuator(raw, 1);
-        break;
-    }
-    case XI_RawButtonPress:
-    case XI_RawButtonRelease:
-        record->kind = event.xcookie.evtype == XI_RawButtonPress ? XRAW_PRESS : XRAW_RELEASE;
-        record->button = raw->detail;
-        break;
-    default:
-        break;
+        case XI_RawMotion: {
+            Window rootReturn = 0, child = 0;
+            int winX = 0, winY = 0;
+            unsigned int buttons = 0;
+            XQueryPointer(reader->display, reader->root, &rootReturn, &child, &record->x, &record->y, &winX, &winY,
+                          &buttons);
+            record->kind = XRAW_MOTION;
+            record->dx = rawValuator(raw, 0);
+            record->dy = rawValuator(raw, 1);
+            break;
+        }
+        case XI_RawButtonPress:
+        case XI_RawButtonRelease:
+            record->kind = event.xcookie.evtype == XI_RawButtonPress ? XRAW_PRESS : XRAW_RELEASE;
+            record->button = raw->detail;
+            break;
+        default:
+            break;
     }
     XFreeEventData(reader->display, &event.xcookie);
     return 1;
@@ -135,14 +134,14 @@ int xrawNext(XRawReader* reader, long long deadline, XRawRecord* record) {
 
 void xrawPrint(FILE* out, long long ns, const XRawRecord* record) {
     switch (record->kind) {
-    case XRAW_MOTION:
-        fprintf(out, "%lld motion %g %g %d %d\n", ns, record->dx, record->dy, record->x, record->y);
-        break;
-    case XRAW_PRESS:
-    case XRAW_RELEASE:
-        fprintf(out, "%lld %s %d\n", ns, record->kind == XRAW_PRESS ? "press" : "release", record->button);
-        break;
-    case XRAW_NONE:
-        break;
+        case XRAW_MOTION:
+            fprintf(out, "%lld motion %g %g %d %d\n", ns, record->dx, record->dy, record->x, record->y);
+            break;
+        case XRAW_PRESS:
+        case XRAW_RELEASE:
+            fprintf(out, "%lld %s %d\n", ns, record->kind == XRAW_PRESS ? "press" : "release", record->button);
+            break;
+        case XRAW_NONE:
+            break;
     }
 }

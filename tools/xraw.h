@@ -3,9 +3,8 @@
 #ifndef ZEL_TOOLS_XRAW_H
 #define ZEL_TOOLS_XRAW_H
 
-#include <stdio.h>
-
 #include <X11/Xlib.h>
+#include <stdio.h>
 
 /* Command-line options: [-d DISPLAY] [-n N] [-T MS]. */
 typedef struct XRawOptions {

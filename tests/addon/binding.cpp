@@ -86,23 +86,24 @@ class BindingComponent final : public Component, private Tracked {
             using common::meta::createMethodInfo;
             return std::make_tuple(
                 common::meta::ClassBase<Component>{},
-                common::meta::ClassMethods{createMethodInfo<&BindingComponent::makeStr>("makeStr"),
-                                           createMethodInfo<&BindingComponent::takeOne>("takeOne"),
-                                           createMethodInfo<&BindingComponent::takeOneCalls>("takeOneCalls"),
-                                           createMethodInfo<&BindingComponent::takeSeveral>("takeSeveral"),
-                                           createMethodInfo<&BindingComponent::buttonNumber>("buttonNumber"),
-                                           createMethodInfo<&BindingComponent::buttonEvent>("buttonEvent"),
-                                           createMethodInfo<&BindingComponent::point>("point"),
-                                           createMethodInfo<&BindingComponent::motion>("motion"),
-                                           createMethodInfo<&BindingComponent::buttons>("buttons"),
-                                           createMethodInfo<&BindingComponent::mirrorPoint>("mirrorPoint"),
-                                           createMethodInfo<&BindingComponent::mirrorMotion>("mirrorMotion"),
-                                           createMethodInfo<&BindingComponent::doNothing>("doNothing"),
-                                           createMethodInfo<&BindingComponent::doNothingCalls>("doNothingCalls"),
-                                           createMethodInfo<&BindingComponent::throwStdException>("throwStdException"),
-                                           createMethodInfo<&BindingComponent::throwLibraryException>("throwLibraryException"),
-                                           createMethodInfo<&BindingComponent::throwInt>("throwInt"),
-                                           createMethodInfo<&BindingComponent::throwIntFree>("throwIntFree")});
+                common::meta::ClassMethods{
+                    createMethodInfo<&BindingComponent::makeStr>("makeStr"),
+                    createMethodInfo<&BindingComponent::takeOne>("takeOne"),
+                    createMethodInfo<&BindingComponent::takeOneCalls>("takeOneCalls"),
+                    createMethodInfo<&BindingComponent::takeSeveral>("takeSeveral"),
+                    createMethodInfo<&BindingComponent::buttonNumber>("buttonNumber"),
+                    createMethodInfo<&BindingComponent::buttonEvent>("buttonEvent"),
+                    createMethodInfo<&BindingComponent::point>("point"),
+                    createMethodInfo<&BindingComponent::motion>("motion"),
+                    createMethodInfo<&BindingComponent::buttons>("buttons"),
+                    createMethodInfo<&BindingComponent::mirrorPoint>("mirrorPoint"),
+                    createMethodInfo<&BindingComponent::mirrorMotion>("mirrorMotion"),
+                    createMethodInfo<&BindingComponent::doNothing>("doNothing"),
+                    createMethodInfo<&BindingComponent::doNothingCalls>("doNothingCalls"),
+                    createMethodInfo<&BindingComponent::throwStdException>("throwStdException"),
+                    createMethodInfo<&BindingComponent::throwLibraryException>("throwLibraryException"),
+                    createMethodInfo<&BindingComponent::throwInt>("throwInt"),
+                    createMethodInfo<&BindingComponent::throwIntFree>("throwIntFree")});
         }
     };
 

@@ -79,7 +79,8 @@ class CallbacksComponent final : public Component, private Tracked {
     int32_t fireButtons(int32_t left, int32_t middle, int32_t right) {
         if (!m_buttons)
             return -1;
-        m_buttons->invoke(zel::ButtonsEventData{static_cast<zel::ButtonEvent>(left), static_cast<zel::ButtonEvent>(middle),
+        m_buttons->invoke(zel::ButtonsEventData{static_cast<zel::ButtonEvent>(left),
+                                                static_cast<zel::ButtonEvent>(middle),
                                                 static_cast<zel::ButtonEvent>(right)});
         return 1;
     }
@@ -100,16 +101,17 @@ class CallbacksComponent final : public Component, private Tracked {
             using common::meta::createMethodInfo;
             return std::make_tuple(
                 common::meta::ClassBase<Component>{},
-                common::meta::ClassMethods{createMethodInfo<&CallbacksComponent::setTextCallback>("setTextCallback"),
-                                           createMethodInfo<&CallbacksComponent::setButtonsCallback>("setButtonsCallback"),
-                                           createMethodInfo<&CallbacksComponent::setMotionCallback>("setMotionCallback"),
-                                           createMethodInfo<&CallbacksComponent::hasTextCallback>("hasTextCallback"),
-                                           createMethodInfo<&CallbacksComponent::hasButtonsCallback>("hasButtonsCallback"),
-                                           createMethodInfo<&CallbacksComponent::hasMotionCallback>("hasMotionCallback"),
-                                           createMethodInfo<&CallbacksComponent::fireText>("fireText"),
-                                           createMethodInfo<&CallbacksComponent::fireButtons>("fireButtons"),
-                                           createMethodInfo<&CallbacksComponent::fireMotion>("fireMotion"),
-                                           createMethodInfo<&CallbacksComponent::callbacksDestroyed>("callbacksDestroyed")});
+                common::meta::ClassMethods{
+                    createMethodInfo<&CallbacksComponent::setTextCallback>("setTextCallback"),
+                    createMethodInfo<&CallbacksComponent::setButtonsCallback>("setButtonsCallback"),
+                    createMethodInfo<&CallbacksComponent::setMotionCallback>("setMotionCallback"),
+                    createMethodInfo<&CallbacksComponent::hasTextCallback>("hasTextCallback"),
+                    createMethodInfo<&CallbacksComponent::hasButtonsCallback>("hasButtonsCallback"),
+                    createMethodInfo<&CallbacksComponent::hasMotionCallback>("hasMotionCallback"),
+                    createMethodInfo<&CallbacksComponent::fireText>("fireText"),
+                    createMethodInfo<&CallbacksComponent::fireButtons>("fireButtons"),
+                    createMethodInfo<&CallbacksComponent::fireMotion>("fireMotion"),
+                    createMethodInfo<&CallbacksComponent::callbacksDestroyed>("callbacksDestroyed")});
         }
     };
 

@@ -137,14 +137,15 @@ class ChecksComponent final : public Component, private Tracked {
 
     /// Every failed check is then recorded and execution goes on after the check, as if it had passed.
     static void installRecordingFailureHandler() {
-        RuntimeCheck::setFailureHandler(FailureHandler::makeUnique(
-            [](const SourceInfo& source, const char* reserved, const char* expression, const char* message) {
-                record(source, reserved, expression, message);
-            }));
+        RuntimeCheck::setFailureHandler(
+            FailureHandler::makeUnique([](const SourceInfo& source, const char* reserved, const char* expression,
+                                          const char* message) { record(source, reserved, expression, message); }));
     }
 
     /// Back to no handler: a failed check terminates the process.
-    static void removeFailureHandler() { common::diagnostics::RuntimeCheckInternal::instance().removeFailureHandler(nullptr); }
+    static void removeFailureHandler() {
+        common::diagnostics::RuntimeCheckInternal::instance().removeFailureHandler(nullptr);
+    }
 
     static int32_t failureReportCount() { return static_cast<int32_t>(reports().size()); }
     /// The recorded report `index` (an empty one when there is none).
@@ -184,7 +185,8 @@ class ChecksComponent final : public Component, private Tracked {
                 common::meta::ClassBase<Component>{},
                 common::meta::ClassMethods{
                     createMethodInfo<&ChecksComponent::installAbortingFailureHandler>("installAbortingFailureHandler"),
-                    createMethodInfo<&ChecksComponent::installRecordingFailureHandler>("installRecordingFailureHandler"),
+                    createMethodInfo<&ChecksComponent::installRecordingFailureHandler>(
+                        "installRecordingFailureHandler"),
                     createMethodInfo<&ChecksComponent::removeFailureHandler>("removeFailureHandler"),
                     createMethodInfo<&ChecksComponent::failureReportCount>("failureReportCount"),
                     createMethodInfo<&ChecksComponent::failureReport>("failureReport"),

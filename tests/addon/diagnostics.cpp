@@ -102,14 +102,14 @@ class LogComponent final : public Component, private Tracked {
         using Class = LogComponent;
         static constexpr auto attributes() {
             using common::meta::createMethodInfo;
-            return std::make_tuple(
-                common::meta::ClassBase<Component>{},
-                common::meta::ClassMethods{createMethodInfo<&LogComponent::write>("write"),
-                                           createMethodInfo<&LogComponent::writeFromThread>("writeFromThread"),
-                                           createMethodInfo<&LogComponent::writeOutsideContext>("writeOutsideContext"),
-                                           createMethodInfo<&LogComponent::writeFromLoop>("writeFromLoop"),
-                                           createMethodInfo<&LogComponent::loopWrites>("loopWrites"),
-                                           createMethodInfo<&LogComponent::loopWriteSawContext>("loopWriteSawContext")});
+            return std::make_tuple(common::meta::ClassBase<Component>{},
+                                   common::meta::ClassMethods{
+                                       createMethodInfo<&LogComponent::write>("write"),
+                                       createMethodInfo<&LogComponent::writeFromThread>("writeFromThread"),
+                                       createMethodInfo<&LogComponent::writeOutsideContext>("writeOutsideContext"),
+                                       createMethodInfo<&LogComponent::writeFromLoop>("writeFromLoop"),
+                                       createMethodInfo<&LogComponent::loopWrites>("loopWrites"),
+                                       createMethodInfo<&LogComponent::loopWriteSawContext>("loopWriteSawContext")});
         }
     };
 };

@@ -1,5 +1,7 @@
 // The "fakeInput" test component: pointer capture objects over a fake raw input driver whose reader thread
 // emits the records that script stages, so that delivery can be driven without an X server.
+#include "bridge/pointercapture.h"
+
 #include <v8.h>
 
 #include <cstdint>
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include "bridge/component.h"
-#include "bridge/pointercapture.h"
 #include "bridge/pointerevents.h"
 #include "common/com/comclass.h"
 #include "common/com/comptr.h"
@@ -54,10 +55,11 @@ struct FakeDriverStats {
         static constexpr auto attributes() {
             return std::make_tuple(common::meta::ClassFields{[](auto* self) {
                 using common::meta::createFieldInfo;
-                return std::make_tuple(
-                    createFieldInfo("readersStarted", &self->readersStarted),
-                    createFieldInfo("readersFinished", &self->readersFinished), createFieldInfo("breaks", &self->breaks),
-                    createFieldInfo("recordsEmitted", &self->recordsEmitted), createFieldInfo("reading", &self->reading));
+                return std::make_tuple(createFieldInfo("readersStarted", &self->readersStarted),
+                                       createFieldInfo("readersFinished", &self->readersFinished),
+                                       createFieldInfo("breaks", &self->breaks),
+                                       createFieldInfo("recordsEmitted", &self->recordsEmitted),
+                                       createFieldInfo("reading", &self->reading));
             }});
         }
     };

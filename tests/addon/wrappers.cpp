@@ -57,8 +57,9 @@ struct IGadget : public virtual IRefCounted {
     struct ClassAttributes__ {
         using Class = IGadget;
         static constexpr auto attributes() {
-            return std::make_tuple(common::meta::ClassMethods{common::meta::createMethodInfo<&IGadget::serial>("serial"),
-                                                              common::meta::createMethodInfo<&IGadget::disposed>("disposed")});
+            return std::make_tuple(
+                common::meta::ClassMethods{common::meta::createMethodInfo<&IGadget::serial>("serial"),
+                                           common::meta::createMethodInfo<&IGadget::disposed>("disposed")});
         }
     };
 };
@@ -97,7 +98,8 @@ struct ITrinket : public virtual IRefCounted {
     struct ClassAttributes__ {
         using Class = ITrinket;
         static constexpr auto attributes() {
-            return std::make_tuple(common::meta::ClassMethods{common::meta::createMethodInfo<&ITrinket::serial>("serial")});
+            return std::make_tuple(
+                common::meta::ClassMethods{common::meta::createMethodInfo<&ITrinket::serial>("serial")});
         }
     };
 };

@@ -59,10 +59,10 @@ class XHostComponent final : public Component {
         static constexpr auto attributes() {
             using common::meta::createMethodInfo;
             return std::make_tuple(common::meta::ClassBase<Component>{},
-                                   common::meta::ClassMethods{createMethodInfo<&XHostComponent::open>("open"),
-                                                              createMethodInfo<&XHostComponent::roundTrip>("roundTrip"),
-                                                              createMethodInfo<&XHostComponent::installHostHandler>(
-                                                                  "installHostHandler")});
+                                   common::meta::ClassMethods{
+                                       createMethodInfo<&XHostComponent::open>("open"),
+                                       createMethodInfo<&XHostComponent::roundTrip>("roundTrip"),
+                                       createMethodInfo<&XHostComponent::installHostHandler>("installHostHandler")});
         }
     };
 };

@@ -99,8 +99,8 @@ TEST_F(RawInputDriverBaseTest, SecondCaptureThrowsAndTheFirstCallbackKeepsReceiv
 
     RecordCollector second;
     auto sentinel = std::make_shared<int>(0);
-    auto secondCallback = RawInputDriver::Callback::makeUnique(
-        [&second, sentinel](PointerData data) { second.add(data); });
+    auto secondCallback =
+        RawInputDriver::Callback::makeUnique([&second, sentinel](PointerData data) { second.add(data); });
     bool thrown = false;
     try {
         driver->capturePointer(std::move(secondCallback));

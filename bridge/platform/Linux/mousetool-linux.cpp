@@ -80,17 +80,17 @@ bool MouseTool::getButtonState(MouseButton button) {
     // Logged without the lock: a log handler may call back into this function.
     unsigned mask = 0;
     switch (queryButtonMask(mask)) {
-    case QueryResult::Answered:
-        break;
-    case QueryResult::NoDisplay:
-        COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "No X display to query the pointer");
-        return false;
-    case QueryResult::Lost:
-        COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "The X display connection for pointer queries was lost");
-        return false;
-    case QueryResult::Failed:
-        COMMON_LOG_AT(Level::Warning, kFile, 46, "XQueryPointer returns False");
-        return false;
+        case QueryResult::Answered:
+            break;
+        case QueryResult::NoDisplay:
+            COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "No X display to query the pointer");
+            return false;
+        case QueryResult::Lost:
+            COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "The X display connection for pointer queries was lost");
+            return false;
+        case QueryResult::Failed:
+            COMMON_LOG_AT(Level::Warning, kFile, 46, "XQueryPointer returns False");
+            return false;
     }
     const unsigned bit = common::zel_internal::buttonStateMask(button);
     return (mask & bit) == bit;

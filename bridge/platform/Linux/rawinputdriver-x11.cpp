@@ -1,8 +1,8 @@
 // X11 / XInput2 raw input driver: a reader thread with its own X connection, woken by a descriptor of its own.
 #include "bridge/platform/Linux/rawinputdriver-x11.h"
 
-#include <malloc.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -78,7 +78,8 @@ public:
         if (!call([&] {
                 m_closeAtom = XInternAtom(m_display, "_APP_CLOSE_INPUT", False);
                 m_rootWindow = RootWindowOfScreen(DefaultScreenOfDisplay(m_display));
-                hasExtension = XQueryExtension(m_display, "XInputExtension", &m_xiOpcode, &firstEvent, &firstError) != 0;
+                hasExtension =
+                    XQueryExtension(m_display, "XInputExtension", &m_xiOpcode, &firstEvent, &firstError) != 0;
             }))
             return;
         if (!hasExtension) {

@@ -100,29 +100,29 @@ inline bool isRawPointerEvent(int evtype) {
 inline void applyRawButton(zel::RawInputDriver::PointerData& data, int evtype, int detail) {
     const zel::ButtonEvent value = evtype == kXIRawButtonPress ? zel::ButtonEvent::Pressed : zel::ButtonEvent::Released;
     switch (detail) {
-    case 1:
-        data.left = value;
-        break;
-    case 2:
-        data.middle = value;
-        break;
-    case 3:
-        data.right = value;
-        break;
-    default:
-        break;
+        case 1:
+            data.left = value;
+            break;
+        case 2:
+            data.middle = value;
+            break;
+        case 3:
+            data.right = value;
+            break;
+        default:
+            break;
     }
 }
 
 /// The pointer state mask bit of a button: left Button1Mask, middle Button2Mask, any other Button3Mask.
 inline unsigned buttonStateMask(zel::MouseButton button) {
     switch (button) {
-    case zel::MouseButton::Left:
-        return kButton1Mask;
-    case zel::MouseButton::Middle:
-        return kButton2Mask;
-    default:
-        return kButton3Mask;
+        case zel::MouseButton::Left:
+            return kButton1Mask;
+        case zel::MouseButton::Middle:
+            return kButton2Mask;
+        default:
+            return kButton3Mask;
     }
 }
 

@@ -14,10 +14,10 @@
 
 namespace {
 
+using common::ComPtr;
 using comtest::IProbe;
 using comtest::ScopedCountingAllocator;
 using comtest::SingleProbe;
-using common::ComPtr;
 
 constexpr int kTerminateExitCode = 77;
 

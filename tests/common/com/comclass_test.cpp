@@ -14,6 +14,9 @@
 
 namespace {
 
+using common::ComPtr;
+using common::com_internal::ComClassSharedState;
+using common::com_internal::ComClassStorage;
 using comtest::BlockEvent;
 using comtest::ConcurrentProbe;
 using comtest::CountingAllocator;
@@ -27,9 +30,6 @@ using comtest::refs;
 using comtest::ScopedCountingAllocator;
 using comtest::SingleProbe;
 using comtest::StrictProbe;
-using common::ComPtr;
-using common::com_internal::ComClassSharedState;
-using common::com_internal::ComClassStorage;
 
 using Strings = std::vector<std::string>;
 
@@ -129,7 +129,7 @@ TYPED_TEST(StorageTest, WeakReferenceKeepsTheBlockUntilItsOwnRelease) {
     IWeakReference* weak = probe->getWeakRef();
     ASSERT_NE(weak, nullptr);
     EXPECT_EQ(static_cast<void*>(weak), this->allocator->events().at(0).ptr);  // the shared state itself
-    EXPECT_EQ(refs(probe.get()), 1u);                                         // weak refs do not count as strong
+    EXPECT_EQ(refs(probe.get()), 1u);                                          // weak refs do not count as strong
     EXPECT_FALSE(weak->isDead());
 
     probe.release();
@@ -256,7 +256,8 @@ TYPED_TEST(StorageTest, InplaceWithAnAllocatorAsWellReportsAndNeverFreesTheInpla
 }
 
 TYPED_TEST(StorageTest, NeitherSourceOfMemoryReportsAndGivesNull) {
-    TypeParam* object = TestFixture::Storage::template createInstance__<TypeParam>(nullptr, ComPtr<common::Allocator>());
+    TypeParam* object =
+        TestFixture::Storage::template createInstance__<TypeParam>(nullptr, ComPtr<common::Allocator>());
     EXPECT_EQ(object, nullptr);
     const auto reports = this->recorder.reports();
     ASSERT_EQ(reports.size(), 1u);
@@ -345,7 +346,8 @@ TYPED_TEST(StorageTest, StrongReleaseOfADeadObjectReportsAndDropsTheBlock) {
 
     const auto reports = this->recorder.reports();
     ASSERT_EQ(reports.size(), 2u);
-    expectReport(reports[0], std::is_same_v<typename TestFixture::RC, common::ConcurrentRC> ? "prev > 0" : "m_counter > 0",
+    expectReport(reports[0],
+                 std::is_same_v<typename TestFixture::RC, common::ConcurrentRC> ? "prev > 0" : "m_counter > 0",
                  "removeRef", comtest::kRefCountedFile);
     // The weak reference's hold on the block went with it.
     expectReport(reports[1], "m_instanceRC.noRefs()", "releaseStorageRef", kComClassFile);

@@ -13,6 +13,8 @@
 
 namespace {
 
+using common::ComPtr;
+using common::com::TakeOwnership;
 using comtest::expectReport;
 using comtest::FailureRecorder;
 using comtest::IProbe;
@@ -24,8 +26,6 @@ using comtest::probeStats;
 using comtest::refs;
 using comtest::SingleProbe;
 using comtest::StrictProbe;
-using common::ComPtr;
-using common::com::TakeOwnership;
 
 static_assert(sizeof(ComPtr<IProbe>) == sizeof(IProbe*));
 static_assert(std::is_nothrow_destructible_v<ComPtr<IProbe>>);

@@ -159,9 +159,9 @@ inline Journal& journal() {
 struct BlockEvent {
     enum Kind { Alloc, Free } kind;
     void* ptr;
-    uint64_t size;                   ///< the size asked for, or the size given back to `free`
+    uint64_t size;  ///< the size asked for, or the size given back to `free`
     std::optional<uint64_t> alignment;
-    uint32_t allocatorRefs;          ///< the allocator's own strong count at the time of the call
+    uint32_t allocatorRefs;  ///< the allocator's own strong count at the time of the call
 };
 
 /// Heap allocator that records every block it hands out and gets back, with sizes; safe from any thread.

@@ -184,7 +184,10 @@ TEST_F(StrictForeignThreadTest, RemoveRefReportsOwnerCheckAndStillDecrements) {
 TEST_F(StrictForeignThreadTest, OwnerCheckComesBeforeTheCountCheck) {
     rc.removeRef();
     onOtherThread([&] { rc.addRef(); });
-    onOtherThread([&] { rc.removeRef(); rc.removeRef(); });
+    onOtherThread([&] {
+        rc.removeRef();
+        rc.removeRef();
+    });
     const auto reports = recorder.reports();
     ASSERT_EQ(reports.size(), 5u);
     expectReport(reports[0], kOwnerCheck, "addRef", kRefCountedFile);

@@ -3,8 +3,8 @@
 
 #include <atomic>
 #include <barrier>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -15,15 +15,15 @@
 
 namespace {
 
+using common::ComPtr;
 using comtest::ConcurrentProbe;
 using comtest::FailureRecorder;
 using comtest::IProbe;
 using comtest::probeStats;
 using comtest::ScopedCountingAllocator;
-using common::ComPtr;
 
 constexpr int kRounds = 100'000;
-constexpr int kThreads = 4;  // one releaser and three weak acquirers per round
+constexpr int kThreads = 4;         // one releaser and three weak acquirers per round
 constexpr int kMaxAttempts = 2048;  // weak acquires per acquirer and round, at most
 
 /// Sense-reversing barrier for a fixed number of threads: spins briefly, then yields (the machine may have
@@ -171,11 +171,12 @@ TEST(WeakAcquireStressTest, AcquireNeverRevivesADeadObjectAndNothingLeaks) {
     EXPECT_EQ(probeStats().destroyed.load() - destroyedBefore, kRounds);
     EXPECT_EQ(recorder.count(), 0u);
     // How often each side won is timing-dependent; print it for the record.
-    std::printf("rounds %d: acquired alive %llu times, refused %llu times, last release by an acquirer about %llu "
-                "times\n",
-                kRounds, static_cast<unsigned long long>(acquiredAlive.load()),
-                static_cast<unsigned long long>(refusedDead.load()),
-                static_cast<unsigned long long>(lastReleaseByAcquirer.load()));
+    std::printf(
+        "rounds %d: acquired alive %llu times, refused %llu times, last release by an acquirer about %llu "
+        "times\n",
+        kRounds, static_cast<unsigned long long>(acquiredAlive.load()),
+        static_cast<unsigned long long>(refusedDead.load()),
+        static_cast<unsigned long long>(lastReleaseByAcquirer.load()));
     EXPECT_GT(refusedDead.load(), 0u) << "no acquire ever met a dead object: the race was not exercised";
 }
 

@@ -27,8 +27,9 @@ static_assert(std::is_same_v<std::underlying_type_t<Log::Level>, int32_t>);
 static_assert(static_cast<int>(Log::Level::Info) == 0);
 static_assert(static_cast<int>(Log::Level::Warning) == 2);
 static_assert(static_cast<int>(Log::Level::Error) == 3);
-static_assert(std::is_same_v<Log::Handler,
-                             common::FunctorClass<true, void, common::TypeList<Log::Level, LogContext const&, char const*>>>);
+static_assert(
+    std::is_same_v<Log::Handler,
+                   common::FunctorClass<true, void, common::TypeList<Log::Level, LogContext const&, char const*>>>);
 
 // One message as a handler saw it.
 struct Entry {
@@ -48,11 +49,12 @@ protected:
 
     // Installs a handler appending every message to `entries`.
     void installRecorder() {
-        Log::setHandler(Log::Handler::makeUnique([this](Log::Level level, LogContext const& context, char const* message) {
-            entries.push_back(Entry{static_cast<int>(level), std::string(context.source.function),
-                                    std::string(context.source.file), context.source.line, context.timestamp,
-                                    message, std::this_thread::get_id(), &context});
-        }));
+        Log::setHandler(
+            Log::Handler::makeUnique([this](Log::Level level, LogContext const& context, char const* message) {
+                entries.push_back(Entry{static_cast<int>(level), std::string(context.source.function),
+                                        std::string(context.source.file), context.source.line, context.timestamp,
+                                        message, std::this_thread::get_id(), &context});
+            }));
     }
 
     std::vector<Entry> entries;
@@ -63,7 +65,8 @@ protected:
 TEST_F(LogTest, WritingWithoutHandlerPrintsNothing) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
-    Log::write(Log::Level::Error, LogContext(SourceInfo{"processInput", "../bridge/platform/Linux/rawinputdriver-x11", 10}),
+    Log::write(Log::Level::Error,
+               LogContext(SourceInfo{"processInput", "../bridge/platform/Linux/rawinputdriver-x11", 10}),
                "Fail to select XInput events mask");
     COMMON_LOG_AT(Log::Level::Info, "../bridge/pointercapture", 20, "Native: capture pointer");
     COMMON_LOG_AT(Log::Level::Warning, "../common/include/common/com/comptr", 30,
@@ -149,7 +152,8 @@ TEST_F(LogTest, SiteMessagesAreFormatted) {
     ASSERT_EQ(entries.size(), 4u);
     EXPECT_EQ(entries[0].message, "Expected API not exposed: (ITarget). Source type (ISource)");
     EXPECT_EQ(entries[1].message, "Required XInputExtension ver. 2.1, but only ver. 2.0");
-    EXPECT_EQ(entries[2].message, std::string("Return null instance where expected ComPtr<") + typeid(Widget).name() + ">");
+    EXPECT_EQ(entries[2].message,
+              std::string("Return null instance where expected ComPtr<") + typeid(Widget).name() + ">");
     EXPECT_EQ(entries[3].message, "Fail to create object-wrapper for types instance:  ComPtr<IFoo>");
 }
 

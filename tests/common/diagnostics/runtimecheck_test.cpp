@@ -1,4 +1,5 @@
-// Tests of runtime checks and the failure-handler slot (with a handler installed; see runtimecheck_death_test.cpp for none).
+// Tests of runtime checks and the failure-handler slot (with a handler installed; see runtimecheck_death_test.cpp for
+// none).
 #include "common/diagnostics/runtimecheck.h"
 
 #include <gtest/gtest.h>
@@ -227,10 +228,9 @@ TEST_F(RuntimeCheckTest, SetFailureHandlerWithPreviousHandsBackTheOldHandler) {
     auto marker = std::make_shared<int>(0);
     std::weak_ptr<int> oldAlive = marker;
     int oldCalls = 0;
-    RuntimeCheck::setFailureHandler(FailureHandler::makeUnique(
-        [marker = std::move(marker), &oldCalls](SourceInfo const&, char const*, char const*, char const*) {
-            ++oldCalls;
-        }));
+    RuntimeCheck::setFailureHandler(
+        FailureHandler::makeUnique([marker = std::move(marker), &oldCalls](SourceInfo const&, char const*, char const*,
+                                                                           char const*) { ++oldCalls; }));
 
     std::unique_ptr<FailureHandler> previous;
     auto replacement = makeRecorder();
@@ -260,10 +260,9 @@ TEST_F(RuntimeCheckTest, SetFailureHandlerWithoutPreviousDestroysTheOldHandler) 
     auto marker = std::make_shared<int>(0);
     std::weak_ptr<int> oldAlive = marker;
     int oldCalls = 0;
-    RuntimeCheck::setFailureHandler(FailureHandler::makeUnique(
-        [marker = std::move(marker), &oldCalls](SourceInfo const&, char const*, char const*, char const*) {
-            ++oldCalls;
-        }));
+    RuntimeCheck::setFailureHandler(
+        FailureHandler::makeUnique([marker = std::move(marker), &oldCalls](SourceInfo const&, char const*, char const*,
+                                                                           char const*) { ++oldCalls; }));
     EXPECT_FALSE(oldAlive.expired());
     RuntimeCheck::setFailureHandler(makeRecorder(), nullptr);
     EXPECT_TRUE(oldAlive.expired());

@@ -38,8 +38,8 @@ struct Root {
     struct ClassAttributes__ {
         using Class = Root;
         static constexpr auto attributes() {
-            return std::make_tuple(ClassMethods(createMethodInfo<&Root::alpha>("alpha"),
-                                                createMethodInfo<&Root::beta>("beta")));
+            return std::make_tuple(
+                ClassMethods(createMethodInfo<&Root::alpha>("alpha"), createMethodInfo<&Root::beta>("beta")));
         }
     };
 };

@@ -13,6 +13,9 @@
 
 namespace {
 
+using common::Allocator;
+using common::ComPtr;
+using common::CrtAllocator;
 using comtest::BlockEvent;
 using comtest::CountingAllocator;
 using comtest::FailureRecorder;
@@ -20,9 +23,6 @@ using comtest::IProbe;
 using comtest::probeStats;
 using comtest::ScopedCountingAllocator;
 using comtest::SingleProbe;
-using common::Allocator;
-using common::ComPtr;
-using common::CrtAllocator;
 
 static_assert(std::is_base_of_v<IRefCounted, Allocator>);
 static_assert(std::is_abstract_v<Allocator>);
@@ -139,7 +139,8 @@ TEST_F(AllocatorTest, CustomDefaultServesNewObjectsWhileOlderObjectsReturnToTheH
     const auto events = counting->events();
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0].ptr, events[1].ptr);
-    EXPECT_EQ(events[1].size, (common::com_internal::ComClassStorage<common::SingleThreadRC>::blockSize<SingleProbe>()));
+    EXPECT_EQ(events[1].size,
+              (common::com_internal::ComClassStorage<common::SingleThreadRC>::blockSize<SingleProbe>()));
 }
 
 TEST_F(AllocatorTest, SettingTheSlotReleasesWhatWasThere) {

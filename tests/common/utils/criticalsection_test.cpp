@@ -20,12 +20,14 @@ static_assert(!std::is_copy_constructible_v<CriticalSection> && !std::is_copy_as
 
 /// Whether another thread can take `lock` right now (try_lock on the owning thread is not allowed).
 bool freeForAnotherThread(CriticalSection& lock) {
-    return std::async(std::launch::async, [&lock] {
-               if (!lock.try_lock())
-                   return false;
-               lock.unlock();
-               return true;
-           }).get();
+    return std::async(std::launch::async,
+                      [&lock] {
+                          if (!lock.try_lock())
+                              return false;
+                          lock.unlock();
+                          return true;
+                      })
+        .get();
 }
 
 TEST(CriticalSection, TryLockFailsWhileAnotherThreadHoldsIt) {

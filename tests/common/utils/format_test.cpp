@@ -132,9 +132,7 @@ TEST(Format, IndexAndSpecifiersAreTrimmed) {
     EXPECT_EQ(format("{ 0 : x }", 255), "ff");
 }
 
-TEST(Format, BracesDoNotNest) {
-    EXPECT_EQ(format("{{0}", 1), "ERROR:(" + conversionError("{0") + ")");
-}
+TEST(Format, BracesDoNotNest) { EXPECT_EQ(format("{{0}", 1), "ERROR:(" + conversionError("{0") + ")"); }
 
 TEST(Format, UnmatchedBraceStaysLiteral) {
     EXPECT_EQ(format("a{0", 1), "a{0");
@@ -238,9 +236,7 @@ TEST(Format, StickySpecifierRendersNothing) {
     EXPECT_EQ(format("a{:x}b{0}c", 255), "abffc");
 }
 
-TEST(Format, PerPlaceholderSpecifierOverridesStickyStateOnce) {
-    EXPECT_EQ(format("{:x}{0:d} {0}", 255), "255 ff");
-}
+TEST(Format, PerPlaceholderSpecifierOverridesStickyStateOnce) { EXPECT_EQ(format("{:x}{0:d} {0}", 255), "255 ff"); }
 
 TEST(Format, StickyStateIsReplacedByTheNextOne) {
     EXPECT_EQ(format("{:x}{0} {:d}{0}", 255), "ff 255");

@@ -22,9 +22,7 @@ struct Tracker {
     bool live = true;
 
     Tracker(int* c, int* m, int* d) : copies(c), moves(m), destroyed(d) {}
-    Tracker(const Tracker& other) : copies(other.copies), moves(other.moves), destroyed(other.destroyed) {
-        ++*copies;
-    }
+    Tracker(const Tracker& other) : copies(other.copies), moves(other.moves), destroyed(other.destroyed) { ++*copies; }
     Tracker(Tracker&& other) noexcept : copies(other.copies), moves(other.moves), destroyed(other.destroyed) {
         ++*moves;
         other.live = false;
@@ -50,8 +48,8 @@ static_assert(sizeof(NonConstIntFunctor) == sizeof(void*), "the interface carrie
 static_assert(sizeof(ConstIntFunctor) == sizeof(void*), "the interface carries no data besides its vtable");
 static_assert(std::is_same_v<decltype(NonConstIntFunctor::makeUnique([](int, int) { return 0; })),
                              std::unique_ptr<NonConstIntFunctor>>);
-static_assert(std::is_same_v<decltype(ConstIntFunctor::makeUnique([](int) { return 0; })),
-                             std::unique_ptr<ConstIntFunctor>>);
+static_assert(
+    std::is_same_v<decltype(ConstIntFunctor::makeUnique([](int) { return 0; })), std::unique_ptr<ConstIntFunctor>>);
 
 // `invoke` is callable on a const functor only when the functor is const-callable.
 template <typename F, typename = void>
@@ -124,8 +122,8 @@ TEST(Functor, ValueArgumentsAreMovedIntoTheLambda) {
 }
 
 TEST(Functor, MoveOnlyArgument) {
-    auto f = FunctorClass<false, int, TypeList<std::unique_ptr<int>>>::makeUnique(
-        [](std::unique_ptr<int> p) { return *p; });
+    auto f =
+        FunctorClass<false, int, TypeList<std::unique_ptr<int>>>::makeUnique([](std::unique_ptr<int> p) { return *p; });
     EXPECT_EQ(f->invoke(std::make_unique<int>(11)), 11);
 }
 

@@ -53,9 +53,7 @@ TEST(Strings, TrimKeepsTabsBetweenBlanks) {
     EXPECT_EQ(strings::trimEnd(text), "  \t x \t"sv);
 }
 
-TEST(Strings, TrimOfBlanksTabsBlanksKeepsTheTabs) {
-    EXPECT_EQ(strings::trim("  \t\t  "sv), "\t\t"sv);
-}
+TEST(Strings, TrimOfBlanksTabsBlanksKeepsTheTabs) { EXPECT_EQ(strings::trim("  \t\t  "sv), "\t\t"sv); }
 
 TEST(Strings, TrimOfOnlyBlanksIsEmpty) {
     EXPECT_TRUE(strings::trim("    "sv).empty());
@@ -64,9 +62,7 @@ TEST(Strings, TrimOfOnlyBlanksIsEmpty) {
     EXPECT_TRUE(strings::trim(""sv).empty());
 }
 
-TEST(Strings, TrimKeepsLineEnds) {
-    EXPECT_EQ(strings::trim(" \nab\r "sv), "\nab\r"sv);
-}
+TEST(Strings, TrimKeepsLineEnds) { EXPECT_EQ(strings::trim(" \nab\r "sv), "\nab\r"sv); }
 
 TEST(Strings, TrimResultViewsTheCallersText) {
     const std::string text = "  abc  ";

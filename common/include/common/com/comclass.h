@@ -204,8 +204,8 @@ public:
 
     template <typename T>
     static SharedState& sharedState(const T& object) {
-        return *reinterpret_cast<SharedState*>(
-            const_cast<char*>(reinterpret_cast<const char*>(&object)) - sizeof(SharedState));
+        return *reinterpret_cast<SharedState*>(const_cast<char*>(reinterpret_cast<const char*>(&object)) -
+                                               sizeof(SharedState));
     }
 
 private:
@@ -262,29 +262,29 @@ ComPtr<Itf> createInstanceSingleton() {
 }  // namespace common::com
 
 /// Declares, inside an abstract class, the interfaces and bases it builds on (for `is`/`as`).
-#define COMMON_COM_BASES(Self, ...)                \
-public:                                            \
-    using ComSelf__ = Self;                        \
+#define COMMON_COM_BASES(Self, ...) \
+public:                             \
+    using ComSelf__ = Self;         \
     using ComInterfaces__ = ::common::TypeList<__VA_ARGS__>
 
 /// Declares, inside a concrete class, its reference-count policy and its interface list, and implements
 /// the `IAnything` and `IRefCounted` entry points over its shared state.
-#define COMMON_COM_CLASS(Self, Policy, ...)                                                                 \
-public:                                                                                                     \
-    using ComSelf__ = Self;                                                                                 \
-    using ComPolicy__ = Policy;                                                                             \
-    using ComInterfaces__ = ::common::TypeList<__VA_ARGS__>;                                                \
-    using IAnything::as;                                                                                    \
-    bool is(const std::type_info& type) const override { return ::common::com::rtIs<Self>(type); }          \
-    void* as(const std::type_info& type) override { return ::common::com::rtCast<Self>(*this, type); }      \
-    void addRef() override { comSharedState__().addInstanceRef(); }                                        \
-    void release() override { comSharedState__().releaseInstanceRef(); }                                   \
-    IWeakReference* getWeakRef() override { return comSharedState__().acquireWeakRef(); }                  \
-    uint32_t refsCount() const override { return comSharedState__().instanceRefsCount(); }                 \
-                                                                                                            \
-private:                                                                                                    \
-    ::common::com_internal::ComClassSharedState<Policy>& comSharedState__() const {                         \
-        return ::common::com_internal::ComClassStorage<Policy>::sharedState(*this);                         \
-    }                                                                                                       \
-                                                                                                            \
+#define COMMON_COM_CLASS(Self, Policy, ...)                                                            \
+public:                                                                                                \
+    using ComSelf__ = Self;                                                                            \
+    using ComPolicy__ = Policy;                                                                        \
+    using ComInterfaces__ = ::common::TypeList<__VA_ARGS__>;                                           \
+    using IAnything::as;                                                                               \
+    bool is(const std::type_info& type) const override { return ::common::com::rtIs<Self>(type); }     \
+    void* as(const std::type_info& type) override { return ::common::com::rtCast<Self>(*this, type); } \
+    void addRef() override { comSharedState__().addInstanceRef(); }                                    \
+    void release() override { comSharedState__().releaseInstanceRef(); }                               \
+    IWeakReference* getWeakRef() override { return comSharedState__().acquireWeakRef(); }              \
+    uint32_t refsCount() const override { return comSharedState__().instanceRefsCount(); }             \
+                                                                                                       \
+private:                                                                                               \
+    ::common::com_internal::ComClassSharedState<Policy>& comSharedState__() const {                    \
+        return ::common::com_internal::ComClassStorage<Policy>::sharedState(*this);                    \
+    }                                                                                                  \
+                                                                                                       \
 public:

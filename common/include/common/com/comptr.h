@@ -47,7 +47,7 @@ public:
     using element_type = T;
 
     ComPtr() = default;
-    ComPtr(std::nullptr_t) {}  // NOLINT(google-explicit-constructor)
+    ComPtr(std::nullptr_t) {}                                             // NOLINT(google-explicit-constructor)
     ComPtr(com::TakeOwnership<T> owned) : m_instance(owned.m_pointer) {}  // NOLINT(google-explicit-constructor)
     ComPtr(const ComPtr& other) : m_instance(other.m_instance) {
         if (m_instance)

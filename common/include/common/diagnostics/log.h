@@ -79,7 +79,7 @@ void writeDebugString(const char* text);
 }  // namespace zel
 
 /// Writes a log entry from the enclosing function, at `file`/`line`, formatting `format` with the arguments.
-#define COMMON_LOG_AT(level, file, line, format, ...)                                                   \
-    ::common::diagnostics::Log::write(                                                                  \
+#define COMMON_LOG_AT(level, file, line, format, ...)                                                            \
+    ::common::diagnostics::Log::write(                                                                           \
         (level), ::common::diagnostics::LogContext(::common::diagnostics::SourceInfo{__func__, (file), (line)}), \
         ::common::diagnostics_internal::makeUtf8String((format)__VA_OPT__(, ) __VA_ARGS__))

@@ -50,8 +50,8 @@ bool safeBoolean(T const& value) {
 
 /// The out-of-line part of a failed check: formats the message and reports it.
 template <typename... Args>
-[[gnu::cold, gnu::noinline]] void checkFailed(diagnostics::SourceInfo source, const char* expression, std::string_view format = {},
-                 const Args&... args) {
+[[gnu::cold, gnu::noinline]] void checkFailed(diagnostics::SourceInfo source, const char* expression,
+                                              std::string_view format = {}, const Args&... args) {
     diagnostics::RuntimeCheck::raiseFailure(source, nullptr, expression, makeUtf8String(format, args...));
 }
 
@@ -59,17 +59,17 @@ template <typename... Args>
 
 /// Checks `cond` in the enclosing function, reporting `file`/`line`, the condition's text and an optional
 /// formatted message. A check never throws: when an installed handler returns, execution goes on.
-#define COMMON_CHECK_AT(file, line, cond, ...)                                                          \
-    do {                                                                                                \
-        if (!::common::diagnostics_internal::safeBoolean(cond)) [[unlikely]]                            \
-            ::common::diagnostics_internal::checkFailed(                                                \
-                ::common::diagnostics::SourceInfo{__func__, (file), (line)}, #cond __VA_OPT__(, ) __VA_ARGS__); \
+#define COMMON_CHECK_AT(file, line, cond, ...)                                                                       \
+    do {                                                                                                             \
+        if (!::common::diagnostics_internal::safeBoolean(cond)) [[unlikely]]                                         \
+            ::common::diagnostics_internal::checkFailed(::common::diagnostics::SourceInfo{__func__, (file), (line)}, \
+                                                        #cond __VA_OPT__(, ) __VA_ARGS__);                           \
     } while (false)
 
 /// Same as `COMMON_CHECK_AT` with an explicit function name, for sites whose name `__func__` cannot spell.
-#define COMMON_CHECK_IN(function, file, line, cond, ...)                                                \
-    do {                                                                                                \
-        if (!::common::diagnostics_internal::safeBoolean(cond)) [[unlikely]]                            \
-            ::common::diagnostics_internal::checkFailed(                                                \
-                ::common::diagnostics::SourceInfo{(function), (file), (line)}, #cond __VA_OPT__(, ) __VA_ARGS__); \
+#define COMMON_CHECK_IN(function, file, line, cond, ...)                                                               \
+    do {                                                                                                               \
+        if (!::common::diagnostics_internal::safeBoolean(cond)) [[unlikely]]                                           \
+            ::common::diagnostics_internal::checkFailed(::common::diagnostics::SourceInfo{(function), (file), (line)}, \
+                                                        #cond __VA_OPT__(, ) __VA_ARGS__);                             \
     } while (false)

@@ -154,7 +154,9 @@ struct ClassAndBaseMethods;
 /// The methods of each declared base (recursively) first, then `C`'s own.
 template <typename C, typename... Bases>
 struct ClassAndBaseMethods<C, TypeList<Bases...>> {
-    static constexpr auto methods() { return std::tuple_cat(ClassAndBaseMethods<Bases>::methods()..., classMethods__<C>()); }
+    static constexpr auto methods() {
+        return std::tuple_cat(ClassAndBaseMethods<Bases>::methods()..., classMethods__<C>());
+    }
 };
 
 template <typename C>

@@ -64,7 +64,7 @@ public:
 }  // namespace common::common_internal
 
 /// Throws a `DefaultException` located at the enclosing function, `file` and `line`, flags 0.
-#define COMMON_THROW_AT(file, line, format, ...)                                                        \
-    throw ::common::common_internal::DefaultException(                                                  \
-        ::common::diagnostics::SourceInfo{__func__, (file), (line)},                                    \
+#define COMMON_THROW_AT(file, line, format, ...)                     \
+    throw ::common::common_internal::DefaultException(               \
+        ::common::diagnostics::SourceInfo{__func__, (file), (line)}, \
         ::common::diagnostics_internal::makeUtf8String((format)__VA_OPT__(, ) __VA_ARGS__), 0)

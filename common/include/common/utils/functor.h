@@ -26,8 +26,7 @@ public:
     /// Wraps `lambda` (moved in) into a heap-allocated `DefaultFunctor`.
     template <typename Lambda>
     static std::unique_ptr<FunctorClass> makeUnique(Lambda&& lambda) {
-        return std::make_unique<DefaultFunctor<std::decay_t<Lambda>, false, R, Args...>>(
-            std::forward<Lambda>(lambda));
+        return std::make_unique<DefaultFunctor<std::decay_t<Lambda>, false, R, Args...>>(std::forward<Lambda>(lambda));
     }
 };
 
@@ -41,8 +40,7 @@ public:
     /// Wraps `lambda` (moved in) into a heap-allocated `DefaultFunctor`.
     template <typename Lambda>
     static std::unique_ptr<FunctorClass> makeUnique(Lambda&& lambda) {
-        return std::make_unique<DefaultFunctor<std::decay_t<Lambda>, true, R, Args...>>(
-            std::forward<Lambda>(lambda));
+        return std::make_unique<DefaultFunctor<std::decay_t<Lambda>, true, R, Args...>>(std::forward<Lambda>(lambda));
     }
 };
 

@@ -129,7 +129,9 @@ inline std::string_view trim(std::string_view text) { return trimStart(trimEnd(t
 inline std::u16string_view trim(std::u16string_view text) { return trimStart(trimEnd(text)); }
 
 /// True when `prefix` is found at position 0 of `text`.
-inline bool startWith(std::string_view text, std::string_view prefix) { return strings_internal::startWith(text, prefix); }
+inline bool startWith(std::string_view text, std::string_view prefix) {
+    return strings_internal::startWith(text, prefix);
+}
 inline bool startWith(std::u16string_view text, std::u16string_view prefix) {
     return strings_internal::startWith(text, prefix);
 }

@@ -54,9 +54,8 @@ void initializeArguments(const v8::FunctionCallbackInfo<v8::Value>& info, std::t
                             static_cast<int32_t>(info.Length()));
         js::fromValue(info.GetIsolate(), info[static_cast<int>(I)], std::get<I>(arguments));
     };
-    [&]<size_t... I>(std::index_sequence<I...>) {
-        (convert(std::integral_constant<size_t, I>{}), ...);
-    }(std::index_sequence_for<Args...>{});
+    [&]<size_t... I>(std::index_sequence<I...>) { (convert(std::integral_constant<size_t, I>{}), ...); }
+    (std::index_sequence_for<Args...>{});
 }
 
 /// Converts the result (if any) of a call of `call` into the call's return value.
@@ -161,16 +160,20 @@ void setFunctionProperty(v8::Isolate* isolate, v8::Local<v8::ObjectTemplate> obj
 /// Binds every reflected method of `C` (inherited ones first) onto `obj`, under its reflected name.
 template <typename C>
 void bindToObject(v8::Isolate* isolate, v8::Local<v8::Object> obj) {
-    std::apply([&](auto... methods) { (setFunctionProperty<decltype(methods)::method>(isolate, obj, methods.name().data()), ...); },
-               meta::classMethods<C>());
+    std::apply(
+        [&](auto... methods) {
+            (setFunctionProperty<decltype(methods)::method>(isolate, obj, methods.name().data()), ...);
+        },
+        meta::classMethods<C>());
 }
 
 /// A new object template (nothing cached) with every reflected method of `T` as a function-template property.
 template <typename T>
 v8::Local<v8::ObjectTemplate> getObjectTemplate(v8::Isolate* isolate) {
     v8::Local<v8::ObjectTemplate> tmpl = v8::ObjectTemplate::New(isolate);
-    std::apply([&](auto... methods) { (setFunctionProperty<decltype(methods)::method>(isolate, tmpl, methods.name()), ...); },
-               meta::classMethods<T>());
+    std::apply(
+        [&](auto... methods) { (setFunctionProperty<decltype(methods)::method>(isolate, tmpl, methods.name()), ...); },
+        meta::classMethods<T>());
     return tmpl;
 }
 

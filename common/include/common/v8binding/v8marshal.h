@@ -22,8 +22,7 @@ inline constexpr const char* kV8MarshalFile = "../common/include/common/v8bindin
 
 template <typename T>
 concept ReflectedRecord = meta_internal::HasAttributes<T>::value &&
-                          !std::is_same_v<decltype(meta::attributeValue<T, meta::ClassFieldsAttribute>()),
-                                          meta_internal::NoAttribute>;
+    !std::is_same_v<decltype(meta::attributeValue<T, meta::ClassFieldsAttribute>()), meta_internal::NoAttribute>;
 
 /// The property key of field `Index` of the field list `Fields` of record `R` (a record's own fields and its fields
 /// with those of its bases are numbered apart): an internalized string made once per isolate and kept as an eternal
@@ -70,8 +69,8 @@ inline v8::Local<v8::Value> toValue(v8::Isolate* isolate, bool value) {
 
 /// Integers: 32-bit signed through `NewFromInt32`, wider or unsigned ones as numbers.
 template <typename T>
-    requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
-v8::Local<v8::Value> toValue(v8::Isolate* isolate, T value) {
+requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) v8::Local<v8::Value> toValue(v8::Isolate* isolate,
+                                                                                         T value) {
     if constexpr (std::is_same_v<T, int>)
         return v8::Integer::New(isolate, value);
     else if constexpr (std::is_unsigned_v<T> && sizeof(T) <= 4)
@@ -81,15 +80,13 @@ v8::Local<v8::Value> toValue(v8::Isolate* isolate, T value) {
 }
 
 template <typename T>
-    requires std::is_floating_point_v<T>
-v8::Local<v8::Value> toValue(v8::Isolate* isolate, T value) {
+requires std::is_floating_point_v<T> v8::Local<v8::Value> toValue(v8::Isolate* isolate, T value) {
     return v8::Number::New(isolate, static_cast<double>(value));
 }
 
 /// Enumerations become their number.
 template <typename E>
-    requires std::is_enum_v<E>
-v8::Local<v8::Value> toValue(v8::Isolate* isolate, E value) {
+requires std::is_enum_v<E> v8::Local<v8::Value> toValue(v8::Isolate* isolate, E value) {
     return toValue<int>(isolate, static_cast<int>(value));
 }
 
@@ -99,8 +96,7 @@ v8::Local<v8::Value> toValue(v8::Isolate* isolate, ComPtr<T> value);
 
 /// Reflected records become new plain objects with one property per field, in declaration order.
 template <typename R>
-    requires js_internal::ReflectedRecord<R>
-v8::Local<v8::Value> toValue(v8::Isolate* isolate, const R& record) {
+requires js_internal::ReflectedRecord<R> v8::Local<v8::Value> toValue(v8::Isolate* isolate, const R& record) {
     v8::Local<v8::Context> context = isolate->GetCurrentContext();
     v8::Local<v8::Object> object = v8::Object::New(isolate);
     const auto fields = meta::classFields(record);
@@ -111,7 +107,8 @@ v8::Local<v8::Value> toValue(v8::Isolate* isolate, const R& record) {
                    toValue(isolate, std::get<I>(fields).value()))
              .IsJust(),
          ...);
-    }(std::make_index_sequence<std::tuple_size_v<Fields>>{});
+    }
+    (std::make_index_sequence<std::tuple_size_v<Fields>>{});
     return object;
 }
 
@@ -119,7 +116,7 @@ v8::Local<v8::Value> toValue(v8::Isolate* isolate, const R& record) {
 
 /// Enumerations: any value convertible to an integer; otherwise the target keeps its value, silently.
 template <typename E>
-    requires std::is_enum_v<E>
+requires std::is_enum_v<E>
 void fromValue(v8::Isolate* isolate, v8::Local<v8::Value> value, E& target) {
     v8::TryCatch tryCatch(isolate);
     v8::Local<v8::Integer> integer;
@@ -129,8 +126,8 @@ void fromValue(v8::Isolate* isolate, v8::Local<v8::Value> value, E& target) {
 
 /// Integers: as enumerations, by integer conversion.
 template <typename T>
-    requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
-void fromValue(v8::Isolate* isolate, v8::Local<v8::Value> value, T& target) {
+requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) void fromValue(v8::Isolate* isolate,
+                                                                           v8::Local<v8::Value> value, T& target) {
     v8::TryCatch tryCatch(isolate);
     v8::Local<v8::Integer> integer;
     if (value->ToInteger(isolate->GetCurrentContext()).ToLocal(&integer))
@@ -160,7 +157,7 @@ inline void fromValue(v8::Isolate* isolate, v8::Local<v8::Value> value, std::str
 
 /// Reflected records from plain objects, field by field; fields missing on the object keep their values.
 template <typename R>
-    requires js_internal::ReflectedRecord<R>
+requires js_internal::ReflectedRecord<R>
 void fromValue(v8::Isolate* isolate, v8::Local<v8::Value> value, R& record) {
     if (value.IsEmpty() || !value->IsObject())
         return;
@@ -174,7 +171,8 @@ void fromValue(v8::Isolate* isolate, v8::Local<v8::Value> value, R& record) {
                 fromValue(isolate, property, field.value());
         };
         (readField(std::get<I>(fields), js_internal::fieldKey<R, Fields, I>(isolate, std::get<I>(fields).name())), ...);
-    }(std::make_index_sequence<std::tuple_size_v<Fields>>{});
+    }
+    (std::make_index_sequence<std::tuple_size_v<Fields>>{});
 }
 
 // ---- script functions ----

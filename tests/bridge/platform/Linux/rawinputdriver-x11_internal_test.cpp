@@ -65,9 +65,7 @@ TEST(RawValuatorTest, OutOfRangeValuesSaturate) {
     EXPECT_EQ(truncateOffset(std::numeric_limits<double>::infinity()), INT32_MAX);
 }
 
-TEST(XIVersionTest, VersionTwoOneIsAccepted) {
-    EXPECT_FALSE(xiVersionRefusal(0, 2, 1).has_value());
-}
+TEST(XIVersionTest, VersionTwoOneIsAccepted) { EXPECT_FALSE(xiVersionRefusal(0, 2, 1).has_value()); }
 
 TEST(XIVersionTest, VersionTwoZeroIsRefusedWithTheVersions) {
     const auto refusal = xiVersionRefusal(1, 2, 0);
@@ -124,9 +122,7 @@ TEST(CloseEventTest, ClientMessageWithTheCloseAtomIsAStopRequest) {
     EXPECT_TRUE(isCloseMessage(kClientMessage, 300, 300));
 }
 
-TEST(CloseEventTest, ClientMessageWithAnotherAtomIsNot) {
-    EXPECT_FALSE(isCloseMessage(kClientMessage, 301, 300));
-}
+TEST(CloseEventTest, ClientMessageWithAnotherAtomIsNot) { EXPECT_FALSE(isCloseMessage(kClientMessage, 301, 300)); }
 
 TEST(CloseEventTest, OtherEventTypesAreNot) {
     EXPECT_FALSE(isCloseMessage(kGenericEvent, 300, 300));

@@ -100,8 +100,8 @@ TEST_F(XRawInputDriverTest, ButtonsOneToThreeGiveLeftMiddleRight) {
         const auto got = records.records();
         ASSERT_EQ(got.size(), 2u) << button;
         const ButtonEvent PointerData::*field = button == 1   ? &PointerData::left
-                                               : button == 2 ? &PointerData::middle
-                                                             : &PointerData::right;
+                                                : button == 2 ? &PointerData::middle
+                                                              : &PointerData::right;
         EXPECT_EQ(got[0].*field, ButtonEvent::Pressed) << button;
         EXPECT_EQ(got[1].*field, ButtonEvent::Released) << button;
         for (const auto& record : got) {
