@@ -129,14 +129,13 @@ async function stopProcess(pid, signal = 'SIGTERM', ms = 5000) {
 
 /**
  * Starts a private Xvfb, which picks a free display itself (-displayfd) and names it once it accepts clients.
- * Resolves to { display, pid, stop(signal) }. `display` (":N") asks for that display instead; `args` adds server
- * options (for example -maxclients); `detached` leaves it running when this process ends (stop it by its pid);
- * `log` names a file for its output.
+ * Resolves to { display, pid, stop(signal) }. `args` adds server options (for example -maxclients); `detached`
+ * leaves it running when this process ends (stop it by its pid); `log` names a file for its output.
  */
-async function startXvfb({ display, args = [], detached = false, log } = {}) {
+async function startXvfb({ args = [], detached = false, log } = {}) {
   const out = log ? fs.openSync(log, 'a') : 'ignore';
-  const child = spawn('Xvfb', [...(display ? [display] : []), '-displayfd', '3', '-nolisten', 'tcp', '-screen', '0',
-    '1280x1024x24', '-noreset', ...args], { stdio: ['ignore', out, out, 'pipe'], detached, env: toolEnv() });
+  const child = spawn('Xvfb', ['-displayfd', '3', '-nolisten', 'tcp', '-screen', '0', '1280x1024x24', '-noreset',
+    ...args], { stdio: ['ignore', out, out, 'pipe'], detached, env: toolEnv() });
   if (log) fs.closeSync(out);
   const number = await new Promise((resolve, reject) => {
     let text = '';
