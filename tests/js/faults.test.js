@@ -18,7 +18,7 @@ const os = require('node:os');
 const path = require('node:path');
 const { spawn, spawnSync } = require('node:child_process');
 const {
-  describe, requireBridge, requireTestkit, sleep, startXvfb, stopProcess, toolEnv, xinject, xinjectPath,
+  describe, requireBridge, requireTestkit, sleep, startXvfb, stopProcess, toolEnv, xinject, xinjectPath, TOOL_MS,
 } = require('./support');
 
 // Seconds a child may take to end once its fault happened.
@@ -198,7 +198,7 @@ function assertSurvived(result, display) {
 async function moveUntil(display, done, move = [1, 0]) {
   const end = Date.now() + 10000;
   while (!done() && Date.now() < end) {
-    spawnSync(xinjectPath, ['-d', display, 'move', ...move.map(String)], { env: toolEnv() });
+    spawnSync(xinjectPath, ['-d', display, 'move', ...move.map(String)], { env: toolEnv(), timeout: TOOL_MS });
     await sleep(20);
   }
   return done();

@@ -97,6 +97,10 @@ function describe(result) {
 const requireTestkit = `require(${JSON.stringify(testkitPath)})`;
 const requireBridge = `require(${JSON.stringify(indexPath)})`;
 
+// Milliseconds a helper program (Xvfb starting, a one-shot xinject) may take: a stuck one fails its test with
+// its output instead of holding the whole file until ctest's limit.
+const TOOL_MS = 30000;
+
 /** The environment of helper programs (Xvfb, xinject, shells): a sanitizer runtime preloaded into node is not theirs. */
 function toolEnv(extra = {}) {
   const env = { ...process.env, ...extra };
@@ -137,6 +141,7 @@ async function startXvfb({ args = [], detached = false, log } = {}) {
   const child = spawn('Xvfb', ['-displayfd', '3', '-nolisten', 'tcp', '-screen', '0', '1280x1024x24', '-noreset',
     ...args], { stdio: ['ignore', out, out, 'pipe'], detached, env: toolEnv() });
   if (log) fs.closeSync(out);
+  let timer;
   const number = await new Promise((resolve, reject) => {
     let text = '';
     child.stdio[3].on('data', (data) => {
@@ -145,7 +150,11 @@ async function startXvfb({ args = [], detached = false, log } = {}) {
     });
     child.once('error', (e) => reject(e.code === 'ENOENT' ? new Error('Xvfb is not installed (apt-get install xvfb)') : e));
     child.once('exit', (code, signal) => reject(new Error(`Xvfb ended (${signal || `status ${code}`}) before it was ready`)));
-  });
+    timer = setTimeout(() => {
+      child.kill('SIGKILL');
+      reject(new Error(`Xvfb was not ready within ${TOOL_MS} ms`));
+    }, TOOL_MS);
+  }).finally(() => clearTimeout(timer));
   child.stdio[3].destroy();
   if (detached) child.unref();
   return { display: `:${number}`, pid: child.pid, stop: (signal) => stopProcess(child.pid, signal) };
@@ -179,7 +188,7 @@ function useTestDisplay() {
 
 /** Runs xinject once with `args` on DISPLAY (or `-d` in `args`) and returns its output; throws when it fails. */
 function xinject(...args) {
-  return execFileSync(xinjectPath, args, { encoding: 'utf8', env: toolEnv() });
+  return execFileSync(xinjectPath, args, { encoding: 'utf8', env: toolEnv(), timeout: TOOL_MS });
 }
 
 /** Polls `done()` until it holds or `ms` pass, letting the event loop run; the final value of `done()`. */
@@ -293,6 +302,7 @@ function streamMoves({ rate = 1000, move = [1, 1], wiggle = true, display = proc
 module.exports = {
   repoDir,
   modulePath,
+  TOOL_MS,
   toolEnv,
   stopProcess,
   startXvfb,
