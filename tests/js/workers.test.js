@@ -155,6 +155,14 @@ test(`worker.terminate() while the Worker's capture streams: the main thread's c
   }
 });
 
+/** Each thread's calls after "shutdown" failed once, with the released-object error. */
+function assertEachReleasedOnce(...errorLists) {
+  for (const errors of errorLists) {
+    assert.equal(errors.length, 1, JSON.stringify(errors));
+    assert.match(errors[0], released);
+  }
+}
+
 test(`"shutdown" on the main thread while a Worker captures and queries: the Worker's components are released on its own thread (${ROUNDS} rounds)`, async () => {
   for (let round = 0; round < ROUNDS; ++round) {
     const { mainErrors, workerErrors } = await runCase(`
@@ -167,10 +175,7 @@ test(`"shutdown" on the main thread while a Worker captures and queries: the Wor
       await worker.ended;
       result({ mainErrors: main.stop().errors, workerErrors: state.errors });
     `);
-    assert.equal(mainErrors.length, 1, JSON.stringify(mainErrors));
-    assert.match(mainErrors[0], released);
-    assert.equal(workerErrors.length, 1, JSON.stringify(workerErrors));
-    assert.match(workerErrors[0], released);
+    assertEachReleasedOnce(mainErrors, workerErrors);
   }
 });
 
@@ -187,10 +192,7 @@ test(`"shutdown" in a Worker while the main thread captures and queries: the mai
       await worker.ended;
       result({ mainErrors: main.stop().errors, workerErrors: state.errors });
     `);
-    assert.equal(mainErrors.length, 1, JSON.stringify(mainErrors));
-    assert.match(mainErrors[0], released);
-    assert.equal(workerErrors.length, 1, JSON.stringify(workerErrors));
-    assert.match(workerErrors[0], released);
+    assertEachReleasedOnce(mainErrors, workerErrors);
   }
 });
 
