@@ -263,11 +263,14 @@ class Injector {
     seen.length = 0;
   }
 
-  /** Injects one motion as a marker and waits for it: everything injected before it has reached `seen`. */
+  /**
+   * Injects a marker motion and its opposite and waits for each: everything injected before has reached `seen`.
+   * The markers are offsets no test injects otherwise, so a record still on its way is never taken for one.
+   */
   async settle(seen) {
     const lastIs = (x, y) => seen.length > 0 && seen[seen.length - 1][0] === 'motion'
       && seen[seen.length - 1][1].offset.x === x && seen[seen.length - 1][1].offset.y === y;
-    for (const [x, y] of [[2, -2], [-2, 2]]) {
+    for (const [x, y] of [[11, -13], [-11, 13]]) {
       await this.run(`move ${x} ${y}`);
       if (!(await waitFor(() => lastIs(x, y)))) throw new Error('the marker does not arrive');
       seen.pop();
