@@ -9,7 +9,6 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -19,6 +18,7 @@
 #include "common/com/comptr.h"
 #include "common/com/refcounted.h"
 #include "common/utils/allocator.h"
+#include "timing.h"
 
 namespace {
 
@@ -195,19 +195,6 @@ void BM_WeakLockAtomic(benchmark::State& state) {
 BENCHMARK(BM_WeakLockAtomic)->Name("std/weak_ptr lock+destroy/atomic");
 
 // --- the summary: a separate timing loop, best of several rounds, each pair measured back to back ---
-
-template <typename F>
-double nanosecondsPerCall(F&& f, int calls, int rounds) {
-    double best = 1e300;
-    for (int r = 0; r < rounds; ++r) {
-        const auto start = std::chrono::steady_clock::now();
-        for (int i = 0; i < calls; ++i)
-            f();
-        const auto stop = std::chrono::steady_clock::now();
-        best = std::min(best, std::chrono::duration<double, std::nano>(stop - start).count() / calls);
-    }
-    return best;
-}
 
 struct Pair {
     const char* name;

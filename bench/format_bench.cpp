@@ -3,9 +3,7 @@
 // and fails when the formatter allocates more per call than its design allows.
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +13,7 @@
 
 #include "common/diagnostics/log.h"
 #include "common/utils/format.h"
+#include "timing.h"
 
 // --- allocation counting: every global operator new of this program goes through here ---
 
@@ -121,19 +120,6 @@ void BM_FormattedLogWriteNoHandler(benchmark::State& state) {
 BENCHMARK(BM_FormattedLogWriteNoHandler);
 
 // --- the summary: a separate timing loop, best of several rounds ---
-
-template <typename F>
-double nanosecondsPerCall(F&& f, int calls, int rounds) {
-    double best = 1e300;
-    for (int r = 0; r < rounds; ++r) {
-        const auto start = std::chrono::steady_clock::now();
-        for (int i = 0; i < calls; ++i)
-            f();
-        const auto stop = std::chrono::steady_clock::now();
-        best = std::min(best, std::chrono::duration<double, std::nano>(stop - start).count() / calls);
-    }
-    return best;
-}
 
 template <typename F>
 double allocationsPerCall(F&& f, int calls) {
