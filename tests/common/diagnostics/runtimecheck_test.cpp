@@ -46,8 +46,18 @@ protected:
             });
     }
     void installRecorder() { RuntimeCheck::setFailureHandler(makeRecorder()); }
+    /// Installs a handler that counts its calls in `oldCalls`; the result expires when the handler is destroyed.
+    std::weak_ptr<int> installCounter() {
+        auto marker = std::make_shared<int>(0);
+        std::weak_ptr<int> alive = marker;
+        RuntimeCheck::setFailureHandler(
+            FailureHandler::makeUnique([marker = std::move(marker), this](SourceInfo const&, char const*, char const*,
+                                                                          char const*) { ++oldCalls; }));
+        return alive;
+    }
 
     std::vector<Report> reports;
+    int oldCalls = 0;
 };
 
 // A reference counter that, like the object model's, checks before it decrements.
@@ -225,12 +235,7 @@ TEST_F(RuntimeCheckTest, SetFailureHandlerReturnsTheNewHandler) {
 }
 
 TEST_F(RuntimeCheckTest, SetFailureHandlerWithPreviousHandsBackTheOldHandler) {
-    auto marker = std::make_shared<int>(0);
-    std::weak_ptr<int> oldAlive = marker;
-    int oldCalls = 0;
-    RuntimeCheck::setFailureHandler(
-        FailureHandler::makeUnique([marker = std::move(marker), &oldCalls](SourceInfo const&, char const*, char const*,
-                                                                           char const*) { ++oldCalls; }));
+    const std::weak_ptr<int> oldAlive = installCounter();
 
     std::unique_ptr<FailureHandler> previous;
     auto replacement = makeRecorder();
@@ -257,12 +262,7 @@ TEST_F(RuntimeCheckTest, SetFailureHandlerWithPreviousWhenNoneIsInstalled) {
 }
 
 TEST_F(RuntimeCheckTest, SetFailureHandlerWithoutPreviousDestroysTheOldHandler) {
-    auto marker = std::make_shared<int>(0);
-    std::weak_ptr<int> oldAlive = marker;
-    int oldCalls = 0;
-    RuntimeCheck::setFailureHandler(
-        FailureHandler::makeUnique([marker = std::move(marker), &oldCalls](SourceInfo const&, char const*, char const*,
-                                                                           char const*) { ++oldCalls; }));
+    const std::weak_ptr<int> oldAlive = installCounter();
     EXPECT_FALSE(oldAlive.expired());
     RuntimeCheck::setFailureHandler(makeRecorder(), nullptr);
     EXPECT_TRUE(oldAlive.expired());
