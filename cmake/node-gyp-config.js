@@ -46,9 +46,13 @@ function main() {
   saveRecord(values.record, build.record);
 }
 
-try {
-  main();
-} catch (e) {
-  process.stderr.write(`zelbridge: ${e.message}\n`);
-  process.exit(1);
+if (require.main === module) {
+  try {
+    main();
+  } catch (e) {
+    process.stderr.write(`zelbridge: ${e.message}\n`);
+    process.exit(1);
+  }
 }
+
+module.exports = { configure };

@@ -8,7 +8,7 @@ const path = require('node:path');
 const packageDir = path.resolve(__dirname, '..');
 const platform = `${process.platform}-${process.arch}`;
 
-/** The prebuilt modules of this platform: prebuilds/<platform>/<runtime>.abi<N>.node, each with <name>.json. */
+/** The prebuilt modules in `dir`: <runtime>.abi<N>.node, each with its build record <runtime>.abi<N>.json. */
 function prebuilds(dir = path.join(packageDir, 'prebuilds', platform)) {
   let names = [];
   try {
@@ -25,10 +25,10 @@ const buildFolder = (dir) => ({ module: path.join(dir, 'zelbridge.node'), record
  * The modules to look at, in order: $ZELBRIDGE_BUILD_DIR alone when set; else the node-gyp build (build/Release),
  * the developer builds (build/default, build/release) and the prebuilds.
  */
-function candidates(env = process.env) {
+function candidates(env = process.env, dir = packageDir) {
   if (env.ZELBRIDGE_BUILD_DIR) return [buildFolder(path.resolve(env.ZELBRIDGE_BUILD_DIR))];
-  return [...['Release', 'default', 'release'].map((name) => buildFolder(path.join(packageDir, 'build', name))),
-    ...prebuilds()];
+  return [...['Release', 'default', 'release'].map((name) => buildFolder(path.join(dir, 'build', name))),
+    ...prebuilds(path.join(dir, 'prebuilds', platform))];
 }
 
 /** What the running process is, in the terms of a build record. */
@@ -84,13 +84,13 @@ const describeBuild = (r) => `${r.runtime} ${r.version} (module version ${r.modu
 
 /**
  * The module built for the running process, as { module, record, prebuilt }, or an Error that says why there is
- * none and how to build it.
+ * none and how to build it. `dir`: the package folder to look in.
  */
-function findModule(env = process.env, proc = process) {
+function findModule(env = process.env, proc = process, dir = packageDir) {
   const running = runningRuntime(proc);
   const refused = [];
   const otherPrebuilds = [];
-  for (const candidate of candidates(env)) {
+  for (const candidate of candidates(env, dir)) {
     if (!fs.existsSync(candidate.module)) continue;
     let record;
     try {
@@ -109,7 +109,7 @@ function findModule(env = process.env, proc = process) {
     `prebuilt modules for ${otherPrebuilds.join(', ')})`);
   let why = refused.join('; ');
   if (!why) {
-    why = `zelbridge.node is not built (looked in ${candidates(env).map((c) => path.dirname(c.module))
+    why = `zelbridge.node is not built (looked in ${candidates(env, dir).map((c) => path.dirname(c.module))
       .filter((d, i, all) => all.indexOf(d) === i).join(', ')})`;
     // npm 12 runs a dependency's install script only when the app allows it.
     if (isInstalled()) why += '; if npm did not run its install script, allow it with "npm approve-scripts zelbridge"';

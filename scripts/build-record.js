@@ -44,7 +44,9 @@ function v8OptionNames(commonGypi) {
   const names = new Set();
   for (const [, condition, defines] of commonGypi.matchAll(/\[\s*'([^']*)'\s*,\s*\{\s*'defines'\s*:\s*\[([^\]]*)\]/g)) {
     if (!/['"]V8_/.test(defines)) continue;
-    for (const word of condition.replace(/'[^']*'|"[^"]*"/g, '').match(/[A-Za-z_]\w*/g) || []) names.add(word);
+    for (const word of condition.replace(/'[^']*'|"[^"]*"/g, '').match(/[A-Za-z_]\w*/g) || []) {
+      if (!['and', 'or', 'not', 'in'].includes(word)) names.add(word);
+    }
   }
   return names;
 }

@@ -6,7 +6,8 @@
 //   node scripts/prebuild.js [MAJOR...]     default: 22 24 26
 //
 // Each is built in a copy of the sources under build/prebuild, so a local build/Release is left alone, and is kept
-// while the sources and the headers are unchanged.
+// while the sources and the headers are unchanged. Progress goes to standard error: npm pack prints the tarball's
+// name on standard output.
 const crypto = require('node:crypto');
 const fs = require('node:fs');
 const path = require('node:path');
@@ -38,14 +39,14 @@ function copyInputs(dir) {
   return hash.digest('hex');
 }
 
-/** Builds (or keeps) the prebuilt module for the Node in `nodeDir`; returns its file name. */
+/** Builds (or keeps) the prebuilt module for the Node in `nodeDir`; returns its file name (<runtime>.abi<N>.node). */
 function prebuild(nodeDir, digest) {
   const version = path.basename(nodeDir);
   const stamp = path.join(workDir, `${version}.digest`);
   const existing = fs.existsSync(stamp) && fs.readFileSync(stamp, 'utf8') === digest &&
     fs.readdirSync(outDir).find((name) => name.endsWith('.json') &&
       JSON.parse(fs.readFileSync(path.join(outDir, name), 'utf8')).version === version);
-  if (existing) return `${existing.replace(/\.json$/, '.node')} (unchanged)`;
+  if (existing) return existing.replace(/\.json$/, '.node');
   const r = spawnSync(process.execPath, [nodeGypScript(), 'rebuild', `--nodedir=${nodeDir}`, '--jobs=max'],
     { cwd: path.join(workDir, 'src'), encoding: 'utf8' });
   if (r.error || r.status !== 0) throw new Error(`node-gyp failed for Node ${version}:\n${r.stdout}${r.stderr}`);
@@ -63,10 +64,16 @@ function main() {
   fs.mkdirSync(outDir, { recursive: true });
   fs.rmSync(path.join(workDir, 'src'), { recursive: true, force: true });
   const digest = copyInputs(path.join(workDir, 'src'));
+  const made = [];
   for (const major of majors.length ? majors : ['22', '24', '26']) {
     const nodeDir = hostNode(major);
-    console.log(`zelbridge: prebuilt for Node ${path.basename(nodeDir)}: ${path.relative(packageDir, outDir)}/` +
-      `${prebuild(nodeDir, digest)}`);
+    const name = prebuild(nodeDir, digest);
+    made.push(name);
+    console.error(`zelbridge: prebuilt for Node ${path.basename(nodeDir)}: ${path.relative(packageDir, outDir)}/${name}`);
+  }
+  // Only what this run made or kept is packed.
+  for (const name of fs.readdirSync(outDir)) {
+    if (!made.includes(name.replace(/\.json$/, '.node'))) fs.rmSync(path.join(outDir, name));
   }
 }
 
