@@ -31,6 +31,15 @@ function candidates(env = process.env, dir = packageDir) {
     ...prebuilds(path.join(dir, 'prebuilds', platform))];
 }
 
+/** The build record of a candidate module, or null when it has none that can be read. */
+function readRecord(candidate) {
+  try {
+    return JSON.parse(fs.readFileSync(candidate.record, 'utf8'));
+  } catch {
+    return null;
+  }
+}
+
 /** What the running process is, in the terms of a build record. */
 function runningRuntime(proc = process) {
   return {
@@ -92,10 +101,8 @@ function findModule(env = process.env, proc = process, dir = packageDir) {
   const otherPrebuilds = [];
   for (const candidate of candidates(env, dir)) {
     if (!fs.existsSync(candidate.module)) continue;
-    let record;
-    try {
-      record = JSON.parse(fs.readFileSync(candidate.record, 'utf8'));
-    } catch {
+    const record = readRecord(candidate);
+    if (!record) {
       refused.push(`${candidate.module} has no readable build record (${path.basename(candidate.record)})`);
       continue;
     }
@@ -117,4 +124,4 @@ function findModule(env = process.env, proc = process, dir = packageDir) {
   return new Error(`${why}. Build it for this runtime with: ${rebuildCommand(proc)}`);
 }
 
-module.exports = { prebuilds, candidates, runningRuntime, differences, rebuildCommand, findModule };
+module.exports = { prebuilds, candidates, readRecord, runningRuntime, differences, rebuildCommand, findModule };

@@ -7,7 +7,7 @@ const fs = require('node:fs');
 const path = require('node:path');
 const { spawnSync } = require('node:child_process');
 const { nodeGypScript, buildsForRunningNode, headerArgs, runningNodeDir } = require('./node-gyp.js');
-const { prebuilds, runningRuntime, differences } = require('../lib/buildrecord.js');
+const { prebuilds, readRecord, runningRuntime, differences } = require('../lib/buildrecord.js');
 
 const packageDir = path.resolve(__dirname, '..');
 
@@ -44,13 +44,8 @@ function checkPrerequisites() {
 function matchingPrebuild() {
   const running = runningRuntime();
   for (const candidate of prebuilds()) {
-    let record;
-    try {
-      record = JSON.parse(fs.readFileSync(candidate.record, 'utf8'));
-    } catch {
-      continue;
-    }
-    if (differences(record, running).length > 0) continue;
+    const record = readRecord(candidate);
+    if (!record || differences(record, running).length > 0) continue;
     // It must load, too: it needs a C library as new as the one it was built with.
     const load = spawnSync(process.execPath, ['-e', `require(${JSON.stringify(candidate.module)})`], { encoding: 'utf8' });
     if (load.status === 0) return candidate;

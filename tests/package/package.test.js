@@ -220,6 +220,12 @@ test("npm's environment knobs build for the host at install; a checksum mismatch
   assert.match(mismatch.out, new RegExp(`node-v${badVersion.replace(/\./g, '\\.')}-headers\\.tar\\.gz local checksum ` +
     `[0-9a-f]{64} not match remote 0{64}`));
   assert.match(mismatch.out, /zelbridge: the build failed \(node-gyp's output is above\)/);
+  // A version the server does not have: node-gyp's download error, and no Debian package for another runtime's headers.
+  const missing = run('npm', ['rebuild', 'zelbridge', '--foreground-scripts'], { cwd: app, ...node26,
+    env: recipe('39.9.9') });
+  assert.notEqual(missing.status, 0, missing.out);
+  assert.match(missing.out, /404 response downloading http:\/\/127\.0\.0\.1:\d+\/v39\.9\.9\/node-v39\.9\.9-headers\.tar\.gz/);
+  for (const failed of [mismatch, missing]) assert.doesNotMatch(failed.out, /apt-get|libnode-dev/);
   assertLoads(app, node26);
 });
 
