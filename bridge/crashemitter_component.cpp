@@ -1,4 +1,4 @@
-// The "crash_emitter" component. Built without sibling-call optimisation so the recursion stays real calls.
+// The "crash_emitter" component.
 #include "bridge/crashemitter_component.h"
 
 #include <cstdint>

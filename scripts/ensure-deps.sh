@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks the Debian packages the build and the tests need; installs the missing ones when run as root.
 set -euo pipefail
-packages=(cmake g++ make pkg-config clang-format googletest libgtest-dev libgmock-dev libbenchmark-dev
+packages=(cmake g++ make pkg-config python3 clang-format googletest libgtest-dev libgmock-dev libbenchmark-dev
           libx11-dev libxi-dev libxtst-dev xvfb x11-utils binutils libuv1-dev clang libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do

@@ -2,7 +2,7 @@
 # The fault, stop and Worker proof: the script tests js_faults and js_workers of one configured build, each run
 # ROUNDS times in a row (default 20) and stopping at the first failure.
 #   scripts/fault-proof.sh BUILD_DIR     e.g. build/default, build/asan, build/tsan, or a build against other headers:
-#     cmake --preset default -B build/n26 -DNODE_INCLUDE_DIR=/path/to/node-26/include/node \
+#     cmake --preset default -B build/n26 -DNODE_DIR=/path/to/node-26 \
 #           -DNODE_EXECUTABLE=/path/to/node-26/bin/node
 # Every run sets ZEL_FAULT_ROUNDS=1 (one round of each repeated case per run) unless it is set.
 set -euo pipefail

