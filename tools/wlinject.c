@@ -27,6 +27,7 @@
 #include <wayland-client.h>
 
 #include "wlr-virtual-pointer-unstable-v1-client-protocol.h"
+#include "words.h"
 
 /* evdev codes of the left, right and middle buttons (linux/input-event-codes.h). */
 enum { kBtnLeft = 0x110, kBtnRight = 0x111, kBtnMiddle = 0x112 };
@@ -158,15 +159,10 @@ int main(int argc, char** argv) {
     setvbuf(stdin, NULL, _IONBF, 0); /* nothing read ahead: the poll for input sees every line */
 
     char line[512];
-    while (waitForInput(display) && fgets(line, sizeof line, stdin)) {
-        char* words[8];
-        int count = 0;
-        for (char* word = strtok(line, " \t\r\n"); word && count < 8; word = strtok(NULL, " \t\r\n"))
-            words[count++] = word;
+    char* words[8];
+    for (int count = 0; waitForInput(display) && (count = readCommand(line, sizeof line, words, 8)) >= 0;) {
         if (count == 0)
             continue;
-        if (strcmp(words[0], "quit") == 0)
-            break;
         const char* error = runCommand(display, pointer, count, words);
         if (error)
             printf("error: %s\n", error);

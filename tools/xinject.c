@@ -41,6 +41,8 @@
 #include <string.h>
 #include <time.h>
 
+#include "words.h"
+
 static int g_printTimes = 0;
 
 static long long nowNs(void) {
@@ -202,15 +204,10 @@ static const char* runCommand(Display* display, int argc, char** argv, long coun
 /* Script mode: one command per line; "move"/"click" take optional trailing N and RATE. */
 static int runScript(Display* display) {
     char line[512];
-    while (fgets(line, sizeof line, stdin)) {
-        char* words[8];
-        int count = 0;
-        for (char* word = strtok(line, " \t\r\n"); word && count < 8; word = strtok(NULL, " \t\r\n"))
-            words[count++] = word;
+    char* words[8];
+    for (int count = 0; (count = readCommand(line, sizeof line, words, 8)) >= 0;) {
         if (count == 0)
             continue;
-        if (strcmp(words[0], "quit") == 0)
-            break;
 
         long repeatCount = 1;
         double rate = 0;

@@ -389,6 +389,28 @@ async function driveCapture(capture, done) {
   }
 }
 
+/**
+ * Sets `setter` of a new capture with the values of `list` (its function records into `own`) and a witness with
+ * `witnessSetter`; asserts the outcome of the call (`expected`), then drives the capture until the witness receives,
+ * and `own` too when it `receives`. Delivery goes on whatever the slot holds. (The reader may start between the move
+ * and the click of one round: a function in the slot is waited for too.) Returns { capture, own }.
+ */
+async function setAndDrive(setter, witnessSetter, list, expected, receives) {
+  const capture = newCapture();
+  const witness = recorder();
+  const own = recorder();
+  capture[witnessSetter](witness.fn);
+  const outcome = outcomeOf(() => capture[setter](...argumentsOf(list, own.fn)));
+  if (expected === 'arity') {
+    assert.deepEqual(outcome, { thrown: { name: 'Error', message: ARITY_1 } }, list.label);
+  } else {
+    assert.deepEqual(outcome, { value: undefined }, list.label);
+  }
+  const flowing = () => witness.seen.length > 0 && (!receives || own.seen.length > 0);
+  assert.ok(await driveCapture(capture, flowing), `${list.label}: records flow`);
+  return { capture, own };
+}
+
 for (const slot of ['buttons', 'motion']) {
   const name = slot === 'buttons' ? 'capture.setButtonsEventCallback' : 'capture.setMotionEventCallback';
   const other = slot === 'buttons' ? 'setMotionEventCallback' : 'setButtonsEventCallback';
@@ -399,20 +421,7 @@ for (const slot of ['buttons', 'motion']) {
     const m = method(name);
     for (const list of argumentLists(m)) {
       const expected = m.outcome(list);
-      const capture = newCapture();
-      const witness = recorder();
-      const own = recorder();
-      capture[other](witness.fn);
-      const outcome = outcomeOf(() => capture[setter](...argumentsOf(list, own.fn)));
-      if (expected === 'arity') {
-        assert.deepEqual(outcome, { thrown: { name: 'Error', message: ARITY_1 } }, list.label);
-      } else {
-        assert.deepEqual(outcome, { value: undefined }, list.label);
-      }
-      // Delivery goes on whatever the slot holds: the other callback keeps receiving. (The reader may start
-      // between the move and the click of one round: a function in the slot is waited for too.)
-      const flowing = () => witness.seen.length > 0 && (expected !== 'receives' || own.seen.length > 0);
-      assert.ok(await driveCapture(capture, flowing), `${list.label}: records flow`);
+      const { capture, own } = await setAndDrive(setter, other, list, expected, expected === 'receives');
       if (expected === 'receives') {
         assert.ok(own.seen.length > 0, `${list.label}: the function receives`);
         assert.ok(own.seen.every(isOwn), `${list.label}: only ${slot} records`);
@@ -448,18 +457,8 @@ test('capture.setStatusCallback: the outcome of every argument list while record
   const m = method('capture.setStatusCallback');
   for (const list of argumentLists(m)) {
     const expected = m.outcome(list);
-    const capture = newCapture();
-    const witness = recorder();
-    const own = recorder();
-    capture.setMotionEventCallback(witness.fn);
-    const outcome = outcomeOf(() => capture.setStatusCallback(...argumentsOf(list, own.fn)));
-    if (expected === 'arity') {
-      assert.deepEqual(outcome, { thrown: { name: 'Error', message: ARITY_1 } }, list.label);
-    } else {
-      assert.deepEqual(outcome, { value: undefined }, list.label);
-    }
-    const flowing = () => witness.seen.length > 0 && (expected !== 'statuses' || own.seen.length > 0);
-    assert.ok(await driveCapture(capture, flowing), `${list.label}: records flow`);
+    const { capture, own } = await setAndDrive('setStatusCallback', 'setMotionEventCallback', list, expected,
+      expected === 'statuses');
     if (expected === 'statuses') {
       assert.ok(own.seen.length > 0 && own.seen.every(({ code }) => code === 'live'), `${list.label}: the function hears "live"`);
     } else {
