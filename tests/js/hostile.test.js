@@ -379,7 +379,7 @@ async function driveCapture(capture, done) {
     // The reader needs a moment to select its events: inject until the first record comes through.
     const end = Date.now() + 10000;
     while (!done() && Date.now() < end) {
-      xinject('move', '3', '4');
+      xinject('wiggle', '3', '4', '-n', '2'); // there and back: the pointer stays clear of the edges
       xinject('click', '1');
       await waitFor(done, 200);
     }
@@ -485,7 +485,7 @@ for (const [name, verb] of [['capture.startCapturing', 'startCapturing'], ['capt
       try {
         const end = Date.now() + 10000;
         while (!flowing && Date.now() < end) {
-          xinject('move', '1', '1');
+          xinject('wiggle', '1', '1', '-n', '2');
           flowing = await waitFor(() => moves.seen.length > 0, 200);
         }
       } finally {
@@ -493,7 +493,7 @@ for (const [name, verb] of [['capture.startCapturing', 'startCapturing'], ['capt
       }
       assert.ok(flowing, `${list.label}: capturing started`);
       const count = moves.seen.length;
-      xinject('move', '1', '1');
+      xinject('wiggle', '1', '1', '-n', '2');
       await sleep(100);
       assert.equal(moves.seen.length, count, `${list.label}: capturing stopped`);
     }
