@@ -193,6 +193,12 @@ function xinject(...args) {
   return execFileSync(xinjectPath, args, { encoding: 'utf8', env: toolEnv(), timeout: TOOL_MS });
 }
 
+/** Brings the pointer of DISPLAY (or `-d` in `args`) back to the middle of the 1280x1024 screen, away from the edges. */
+function recentre(...args) {
+  const [x, y] = xinject(...args, 'pos').trim().split(' ').map(Number);
+  xinject(...args, 'move', String(640 - x), String(512 - y));
+}
+
 /** Polls `done()` until it holds or `ms` pass, letting the event loop run; the final value of `done()`. */
 async function waitFor(done, ms = 10000) {
   const end = Date.now() + ms;
@@ -470,6 +476,7 @@ module.exports = {
   xinjectPath,
   useTestDisplay,
   xinject,
+  recentre,
   waitFor,
   Injector,
   streamMoves,
