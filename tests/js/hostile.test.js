@@ -485,7 +485,7 @@ for (const [name, verb] of [['capture.startCapturing', 'startCapturing'], ['capt
       try {
         const end = Date.now() + 10000;
         while (!flowing && Date.now() < end) {
-          xinject('wiggle', '1', '1', '-n', '2');
+          xinject('move', '1', '1');
           flowing = await waitFor(() => moves.seen.length > 0, 200);
         }
       } finally {
@@ -493,7 +493,7 @@ for (const [name, verb] of [['capture.startCapturing', 'startCapturing'], ['capt
       }
       assert.ok(flowing, `${list.label}: capturing started`);
       const count = moves.seen.length;
-      xinject('wiggle', '1', '1', '-n', '2');
+      xinject('move', '1', '1');
       await sleep(100);
       assert.equal(moves.seen.length, count, `${list.label}: capturing stopped`);
     }
