@@ -4,6 +4,7 @@
 //   log.on('message', (message, level) => console.log(level, message));
 //   pointer.on('motion', (event) => console.log(event.offset.x, event.offset.y));
 //   pointer.on('buttons', (event) => console.log(event.left === ButtonEvent.Pressed));
+//   pointer.on('status', (status) => console.log(status.code, status.message));
 //
 // `pointer`, `log` and the constants are the event layer; `crash_emitter`, `diagnostics`, `hardware` and
 // `shutdown` are the native components underneath, exported unchanged (see "The native components" below).
@@ -46,6 +47,32 @@ export interface ButtonsEventData {
   right: ButtonEvent;
 }
 
+/**
+ * How the capture goes: a stable `code` and a readable `message` (English, for people; match on the code).
+ *
+ * While the capture runs:
+ * - `'live'`: the X server has confirmed the capture's raw event selection; input injected from now on arrives.
+ * - `'xwayland'`: the X server is Xwayland (a Wayland desktop): input arrives only while the pointer is over an
+ *   X11 window, never over native Wayland windows or the bare desktop. Told once per start, after `'live'`, with a
+ *   `Warning` line on standard output. Run the host in its X11 mode to get input over its own window.
+ *
+ * The capture did not start:
+ * - `'no-display'`: no X display could be opened (`DISPLAY` unset, or no server there).
+ * - `'no-xinput'`: the server does not offer XInput 2.1.
+ * - `'select-refused'`: the server refused the raw event selection.
+ *
+ * The capture has ended by itself:
+ * - `'lost'`: the connection to the X server was lost (the server, or the Wayland compositor running Xwayland,
+ *   went away).
+ *
+ * Either:
+ * - `'failed'`: the system refused a thread or a descriptor the capture needs.
+ */
+export interface StatusEventData {
+  code: 'live' | 'xwayland' | 'no-display' | 'no-xinput' | 'select-refused' | 'lost' | 'failed';
+  message: string;
+}
+
 // ---- the event layer ----
 
 /**
@@ -61,6 +88,13 @@ export interface ButtonsEventData {
  * Cancellation: `events.on(pointer, 'motion', { signal })` and `events.once(pointer, 'motion', { signal })`
  * take an `AbortSignal`; for a listener function, `events.addAbortListener(signal, () => pointer.off('motion', f))`.
  *
+ * 'status' (a `StatusEventData`) tells how the capture goes, in order with the records: `'live'` comes before the
+ * first record of a start. Listening to 'status' starts nothing; listen to it before (or together with) the first
+ * 'motion' or 'buttons' listener to hear every status. A capture that did not start or has ended (any code but
+ * `'live'` and `'xwayland'`) is released before its status is emitted, so it no longer keeps the process alive;
+ * it is not retried: it stays stopped while listeners remain, and starts again when a 'motion' or 'buttons'
+ * listener is added after all of them were removed.
+ *
  * A listener that throws (or returns a promise that rejects) does not stop delivery, to the others or to
  * itself: what it threw is reported with `process.emitWarning` (an `Error` as the warning itself), never as an
  * 'error' event, which would end every `events.on` iterator of the emitter.
@@ -71,24 +105,31 @@ export interface ButtonsEventData {
 export interface PointerEmitter extends EventEmitter {
   on(event: 'motion', listener: (event: MotionEventData) => void): this;
   on(event: 'buttons', listener: (event: ButtonsEventData) => void): this;
+  on(event: 'status', listener: (status: StatusEventData) => void): this;
   on(event: string | symbol, listener: (...args: any[]) => void): this;
   addListener(event: 'motion', listener: (event: MotionEventData) => void): this;
   addListener(event: 'buttons', listener: (event: ButtonsEventData) => void): this;
+  addListener(event: 'status', listener: (status: StatusEventData) => void): this;
   addListener(event: string | symbol, listener: (...args: any[]) => void): this;
   prependListener(event: 'motion', listener: (event: MotionEventData) => void): this;
   prependListener(event: 'buttons', listener: (event: ButtonsEventData) => void): this;
+  prependListener(event: 'status', listener: (status: StatusEventData) => void): this;
   prependListener(event: string | symbol, listener: (...args: any[]) => void): this;
   once(event: 'motion', listener: (event: MotionEventData) => void): this;
   once(event: 'buttons', listener: (event: ButtonsEventData) => void): this;
+  once(event: 'status', listener: (status: StatusEventData) => void): this;
   once(event: string | symbol, listener: (...args: any[]) => void): this;
   prependOnceListener(event: 'motion', listener: (event: MotionEventData) => void): this;
   prependOnceListener(event: 'buttons', listener: (event: ButtonsEventData) => void): this;
+  prependOnceListener(event: 'status', listener: (status: StatusEventData) => void): this;
   prependOnceListener(event: string | symbol, listener: (...args: any[]) => void): this;
   off(event: 'motion', listener: (event: MotionEventData) => void): this;
   off(event: 'buttons', listener: (event: ButtonsEventData) => void): this;
+  off(event: 'status', listener: (status: StatusEventData) => void): this;
   off(event: string | symbol, listener: (...args: any[]) => void): this;
   removeListener(event: 'motion', listener: (event: MotionEventData) => void): this;
   removeListener(event: 'buttons', listener: (event: ButtonsEventData) => void): this;
+  removeListener(event: 'status', listener: (status: StatusEventData) => void): this;
   removeListener(event: string | symbol, listener: (...args: any[]) => void): this;
 }
 
@@ -154,6 +195,13 @@ export interface PointerCapture {
   startCapturing(): void;
   /** Stops the driver's capture, whichever capture object started it. */
   stopCapturing(): void;
+  /**
+   * Sets the status callback: how each capture of this object goes, in order with the records (see
+   * `StatusEventData`). A status that arrives after this object stopped its capture, or started a new one, is
+   * dropped. A capture that did not start or has ended stays "captured" until `stopCapturing`. Throws an `Error`
+   * when the callback is already set (null or undefined leave an unset slot empty).
+   */
+  setStatusCallback(callback: ((status: StatusEventData) => void) | null | undefined): void;
 }
 
 /** Crashes the process on demand. Neither method returns. */

@@ -12,6 +12,7 @@
 #include "common/com/comclass.h"
 #include "common/diagnostics/log.h"
 #include "common/utils/criticalsection.h"
+#include "common/utils/exception.h"
 #include "common/v8binding/v8binding.h"
 
 namespace zel {
@@ -61,8 +62,16 @@ class PointerCaptureImpl final : public PointerCapture, public common::js::V8Wea
     void setMotionEventCallback(std::unique_ptr<MotionCallback> callback) override;
     void startCapturing() override;
     void stopCapturing() override;
+    void setStatusCallback(std::unique_ptr<StatusCallback> callback) override;
 
 private:
+    /// A status as the reader queued it: after `position` records of the queue, in capture number `run`.
+    struct QueuedStatus {
+        size_t position;
+        uint32_t run;
+        CaptureStatus status;
+    };
+
     static void onAsync(uv_async_t* handle);
     static void onEnvironmentCleanup(void* self);
     void deliver();
@@ -73,14 +82,19 @@ private:
     uv_async_t* m_async = nullptr;
     std::unique_ptr<ButtonsCallback> m_buttonsCallback;
     std::unique_ptr<MotionCallback> m_motionCallback;
+    std::unique_ptr<StatusCallback> m_statusCallback;
     common::threading::CriticalSection m_lock;
-    std::vector<PointerData> m_queue;  ///< guarded by m_lock
+    std::vector<PointerData> m_queue;      ///< guarded by m_lock
+    std::vector<QueuedStatus> m_statuses;  ///< guarded by m_lock
 
     // Script-thread state: the context callbacks run in, and the buffer the queue is swapped into
     // (both buffers keep up to kRetainedRecords of capacity, so a steady stream allocates nothing per record).
     v8::Isolate* m_isolate = nullptr;
     v8::Global<v8::Context> m_context;
     std::vector<PointerData> m_delivering;
+    std::vector<QueuedStatus> m_deliveringStatuses;
+    /// Counts this object's starts and stops: a status of an earlier capture is not told.
+    uint32_t m_run = 0;
 };
 
 common::ComPtr<PointerCapture> PointerCapture::create(common::ComPtr<RawInputDriver> driver) {
@@ -154,14 +168,27 @@ void PointerCaptureImpl::setMotionEventCallback(std::unique_ptr<MotionCallback> 
         m_motionCallback = std::move(callback);
 }
 
+void PointerCaptureImpl::setStatusCallback(std::unique_ptr<StatusCallback> callback) {
+    std::lock_guard<common::threading::CriticalSection> lock(m_lock);
+    if (m_statusCallback)
+        COMMON_THROW_AT(kFile, __LINE__, "Pointer capture status callback already set.");
+    m_statusCallback = std::move(callback);
+}
+
 void PointerCaptureImpl::startCapturing() {
     if (!m_driver || m_driver->pointerCaptured())
         return;
-    // Runs on the reader thread, inside the driver's lock; the send happens while m_lock is held.
+    ++m_run;
+    // Both run on the reader thread, inside the driver's lock; the send happens while m_lock is held.
     m_driver->capturePointer(
         RawInputDriver::Callback::makeUnique([this, loopRef = LoopRef(m_async)](PointerData record) {
             std::lock_guard<common::threading::CriticalSection> lock(m_lock);
             m_queue.push_back(record);
+            uv_async_send(m_async);
+        }),
+        RawInputDriver::StatusCallback::makeUnique([this, run = m_run](CaptureStatus status) {
+            std::lock_guard<common::threading::CriticalSection> lock(m_lock);
+            m_statuses.push_back(QueuedStatus{m_queue.size(), run, status});
             uv_async_send(m_async);
         }));
 }
@@ -169,6 +196,7 @@ void PointerCaptureImpl::startCapturing() {
 void PointerCaptureImpl::stopCapturing() {
     if (!m_driver || !m_driver->pointerCaptured())
         return;
+    ++m_run;
     m_driver->releasePointerCapture();
 }
 
@@ -184,11 +212,14 @@ void PointerCaptureImpl::onAsync(uv_async_t* handle) {
 
 void PointerCaptureImpl::deliver() {
     m_delivering.clear();
+    m_deliveringStatuses.clear();
     {
         std::lock_guard<common::threading::CriticalSection> lock(m_lock);
         std::swap(m_queue, m_delivering);
+        std::swap(m_statuses, m_deliveringStatuses);
     }
-    if (!m_delivering.empty() && (m_motionCallback || m_buttonsCallback))
+    if ((!m_delivering.empty() && (m_motionCallback || m_buttonsCallback)) ||
+        (!m_deliveringStatuses.empty() && m_statusCallback))
         invokeCallbacks();
     // After a burst this buffer (the queue again after the next swap) can be far larger than a steady stream needs:
     // let it go rather than keep it for the capture's life.
@@ -202,12 +233,25 @@ void PointerCaptureImpl::invokeCallbacks() {
     v8::Context::Scope contextScope(context);
     // Runs queued microtasks and ticks after the callbacks, as for any other callback from the loop.
     node::CallbackScope callbackScope(m_isolate, v8::Object::New(m_isolate), node::async_context{0, 0});
-    for (const PointerData& record : m_delivering) {
+    // Each status goes before the record that was queued after it.
+    size_t nextStatus = 0;
+    const auto tellStatusesBefore = [&](size_t position) {
+        for (; nextStatus < m_deliveringStatuses.size() && m_deliveringStatuses[nextStatus].position <= position;
+             ++nextStatus) {
+            const QueuedStatus& queued = m_deliveringStatuses[nextStatus];
+            if (m_statusCallback && queued.run == m_run)
+                m_statusCallback->invoke(statusEvent(queued.status));
+        }
+    };
+    for (size_t position = 0; position < m_delivering.size(); ++position) {
+        tellStatusesBefore(position);
+        const PointerData& record = m_delivering[position];
         if (m_motionCallback && hasMotion(record))
             m_motionCallback->invoke(record.motion());
         if (m_buttonsCallback && hasButtons(record))
             m_buttonsCallback->invoke(record.buttons());
     }
+    tellStatusesBefore(m_delivering.size());
 }
 
 }  // namespace zel

@@ -17,6 +17,7 @@ namespace zel {
 struct PointerCapture : public virtual IRefCounted {
     using ButtonsCallback = common::FunctorClass<false, void, common::TypeList<ButtonsEventData>>;
     using MotionCallback = common::FunctorClass<false, void, common::TypeList<MotionEventData>>;
+    using StatusCallback = common::FunctorClass<false, void, common::TypeList<StatusEventData>>;
 
     /// Called with each record in which a button changed.
     virtual void setButtonsEventCallback(std::unique_ptr<ButtonsCallback> callback) = 0;
@@ -26,6 +27,10 @@ struct PointerCapture : public virtual IRefCounted {
     virtual void startCapturing() = 0;
     /// Stops the driver's capture, whoever started it.
     virtual void stopCapturing() = 0;
+    /// Called with each status of this object's captures, in order with the records: live, the Xwayland notice,
+    /// could not start, ended. Set once; a second call throws. A status that reaches the script thread after this
+    /// object has stopped its capture, or started a new one, is dropped.
+    virtual void setStatusCallback(std::unique_ptr<StatusCallback> callback) = 0;
 
     /// A new capture object over `driver`, created on the script thread inside a script call.
     static common::ComPtr<PointerCapture> create(common::ComPtr<RawInputDriver> driver);
@@ -38,7 +43,8 @@ struct PointerCapture : public virtual IRefCounted {
                 createMethodInfo<&PointerCapture::setButtonsEventCallback>("setButtonsEventCallback"),
                 createMethodInfo<&PointerCapture::setMotionEventCallback>("setMotionEventCallback"),
                 createMethodInfo<&PointerCapture::startCapturing>("startCapturing"),
-                createMethodInfo<&PointerCapture::stopCapturing>("stopCapturing")});
+                createMethodInfo<&PointerCapture::stopCapturing>("stopCapturing"),
+                createMethodInfo<&PointerCapture::setStatusCallback>("setStatusCallback")});
         }
     };
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 #include <tuple>
 
 #include "common/meta/classinfo.h"
@@ -71,5 +72,58 @@ struct ButtonsEventData {
         }
     };
 };
+
+/// How a capture goes, told to script in order with its records.
+enum class CaptureStatus : int32_t {
+    Live,           ///< the server has confirmed the raw event selection: input flows from here on
+    Xwayland,       ///< the server is Xwayland: input arrives only while the pointer is over an X11 window
+    NoDisplay,      ///< no X display could be opened: the capture did not start
+    NoXInput,       ///< the server has no XInput 2.1: the capture did not start
+    SelectRefused,  ///< the server refused the raw event selection: the capture did not start
+    Lost,           ///< the connection to the X server was lost: the capture ended
+    Failed,         ///< the system refused a thread or a descriptor: the capture did not start, or ended
+};
+
+/// A capture status as script sees it: a stable code and a readable message.
+struct StatusEventData {
+    std::string_view code;
+    std::string_view message;
+
+    struct ClassAttributes__ {
+        using Class = StatusEventData;
+        static constexpr auto attributes() {
+            return std::make_tuple(common::meta::ClassFields{[](auto* self) {
+                return std::make_tuple(common::meta::createFieldInfo("code", &self->code),
+                                       common::meta::createFieldInfo("message", &self->message));
+            }});
+        }
+    };
+};
+
+/// The code and message of `status`.
+constexpr StatusEventData statusEvent(CaptureStatus status) {
+    switch (status) {
+        case CaptureStatus::Live:
+            return {"live", "Pointer capture is live"};
+        case CaptureStatus::Xwayland:
+            return {"xwayland",
+                    "The X server is Xwayland: pointer input arrives only while the pointer is over an X11 window, "
+                    "never over native Wayland windows. Run the application in its X11 mode to receive input over "
+                    "its own window"};
+        case CaptureStatus::NoDisplay:
+            return {"no-display", "No X display could be opened: pointer capture did not start"};
+        case CaptureStatus::NoXInput:
+            return {"no-xinput", "The X server does not offer XInput 2.1: pointer capture did not start"};
+        case CaptureStatus::SelectRefused:
+            return {"select-refused",
+                    "The X server refused the raw pointer event selection: pointer capture did not start"};
+        case CaptureStatus::Lost:
+            return {"lost", "The connection to the X server was lost: pointer capture ended"};
+        case CaptureStatus::Failed:
+            break;
+    }
+    return {"failed",
+            "The system refused a thread or a descriptor that pointer capture needs: it did not start or has ended"};
+}
 
 }  // namespace zel

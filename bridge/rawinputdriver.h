@@ -32,10 +32,12 @@ struct RawInputDriver : public virtual IRefCounted {
 
     /// The consumer of records; invoked on the reader thread.
     using Callback = common::FunctorClass<true, void, common::TypeList<PointerData>>;
+    /// The consumer of a capture's statuses; invoked on the reader thread, in order with the records.
+    using StatusCallback = common::FunctorClass<true, void, common::TypeList<CaptureStatus>>;
 
     /// Takes ownership of `callback` and starts the reader thread; throws when a capture is running.
     virtual void capturePointer(std::unique_ptr<Callback> callback) = 0;
-    /// Drops the callback, stops and joins the reader thread.
+    /// Drops the callbacks, stops and joins the reader thread.
     virtual void releasePointerCapture() = 0;
     /// Whether a callback is installed.
     virtual bool pointerCaptured() const = 0;
@@ -43,6 +45,8 @@ struct RawInputDriver : public virtual IRefCounted {
     virtual void processInput() = 0;
     /// Wakes the reader thread (`threadHandle` is its handle) so that `processInput` returns.
     virtual void breakInputProcessing(uint64_t threadHandle) = 0;
+    /// As `capturePointer(callback)`; `statusCallback` (possibly null) learns how the capture goes.
+    virtual void capturePointer(std::unique_ptr<Callback> callback, std::unique_ptr<StatusCallback> statusCallback) = 0;
 
     /// The driver of this platform.
     static common::ComPtr<RawInputDriver> create();

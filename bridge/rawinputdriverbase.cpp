@@ -71,17 +71,26 @@ RawInputDriverBase::~RawInputDriverBase() {
 void RawInputDriverBase::threadEntry__(void* driver) { static_cast<RawInputDriverBase*>(driver)->processInput(); }
 
 void RawInputDriverBase::capturePointer(std::unique_ptr<Callback> callback) {
+    capturePointer(std::move(callback), nullptr);
+}
+
+void RawInputDriverBase::capturePointer(std::unique_ptr<Callback> callback,
+                                        std::unique_ptr<StatusCallback> statusCallback) {
     std::lock_guard<common::threading::CriticalSection> lock(m_lock);
     if (m_callback)
         COMMON_THROW_AT(kFile, 19, "Pointer already captured.");
     COMMON_CHECK_AT(kFile, 22, !m_thread);
     m_callback = std::move(callback);
+    m_statusCallback = std::move(statusCallback);
     RunningReaders& running = RunningReaders::instance();  // created before the thread: destroyed after it stops
     m_thread.emplace();
     if (const int result = uv_thread_create(&*m_thread, &RawInputDriverBase::threadEntry__, this); result != 0) {
         // No reader runs: leave the capture inert rather than pretending that one does.
         m_thread.reset();
+        if (m_statusCallback)
+            m_statusCallback->invoke(CaptureStatus::Failed);
         m_callback.reset();
+        m_statusCallback.reset();
         COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Fail to start raw input thread (error {0})", result);
         return;
     }
@@ -92,6 +101,7 @@ void RawInputDriverBase::releasePointerCapture() {
     {
         std::lock_guard<common::threading::CriticalSection> lock(m_lock);
         m_callback.reset();
+        m_statusCallback.reset();
     }
     if (joinReader__())
         COMMON_LOG_AT(Level::Info, kFile, 49, "Pointer capture released");
@@ -117,6 +127,12 @@ void RawInputDriverBase::notifyPointerEvent(PointerData data) {
     std::lock_guard<common::threading::CriticalSection> lock(m_lock);
     if (m_callback)
         m_callback->invoke(data);
+}
+
+void RawInputDriverBase::notifyStatus(CaptureStatus status) {
+    std::lock_guard<common::threading::CriticalSection> lock(m_lock);
+    if (m_statusCallback)
+        m_statusCallback->invoke(status);
 }
 
 }  // namespace zel

@@ -18,7 +18,8 @@ class RawInputDriverBase : public RawInputDriver {
     COMMON_COM_BASES(RawInputDriverBase, RawInputDriver);
 
 public:
-    void capturePointer(std::unique_ptr<Callback> callback) override;
+    void capturePointer(std::unique_ptr<Callback> callback) final;
+    void capturePointer(std::unique_ptr<Callback> callback, std::unique_ptr<StatusCallback> statusCallback) override;
     void releasePointerCapture() override;
     bool pointerCaptured() const override;
 
@@ -29,6 +30,8 @@ protected:
 
     /// Hands one record to the callback under the lock, or drops it when no callback is installed.
     void notifyPointerEvent(PointerData data);
+    /// Hands a status to the status callback under the lock (so in order with the records), or drops it.
+    void notifyStatus(CaptureStatus status);
 
 private:
     class RunningReaders;
@@ -38,8 +41,9 @@ private:
     bool joinReader__();
 
     mutable common::threading::CriticalSection m_lock;
-    std::optional<uv_thread_t> m_thread;   ///< engaged while a reader thread exists
-    std::unique_ptr<Callback> m_callback;  ///< non-null exactly while the pointer is captured
+    std::optional<uv_thread_t> m_thread;               ///< engaged while a reader thread exists
+    std::unique_ptr<Callback> m_callback;              ///< non-null exactly while the pointer is captured
+    std::unique_ptr<StatusCallback> m_statusCallback;  ///< the capture's, if it has one; dropped with m_callback
 };
 
 }  // namespace zel

@@ -75,6 +75,8 @@ function captureLive({ pointer }) {
     ++count;
     console.log(formatButtons(record));
   };
+  // How the capture goes: "live" once it reads, and why it does not when it cannot (or on a Wayland desktop).
+  pointer.on('status', ({ code, message }) => console.log(`[${code}] ${message}`));
   pointer.on('motion', onMotion).on('buttons', onButtons);
   process.once('SIGINT', () => {
     pointer.off('motion', onMotion).off('buttons', onButtons);
@@ -108,55 +110,33 @@ function circle(radius = 80, steps = 48) {
 }
 
 async function playGesture(bridge, xinjectPath) {
-  const display = process.env.DISPLAY;
-  const inject = (...args) => {
-    const result = spawnSync(xinjectPath, ['-d', display, ...args], { encoding: 'utf8', env: toolEnv() });
-    if (result.status !== 0) throw new Error(`xinject ${args.join(' ')} failed: ${result.stderr || result.error}`);
-    return result.stdout;
-  };
-
   const { pointer } = bridge;
   const received = []; // the receive time of each record (ns, CLOCK_MONOTONIC), printed as it arrives
-  let recording = false;
-  let priming = 0;
   const onMotion = (record) => {
-    const now = process.hrtime.bigint();
-    if (!recording) {
-      ++priming;
-      return;
-    }
-    received.push(now);
+    received.push(process.hrtime.bigint());
     console.log(`${pad(received.length, 4)}  ${formatMotion(record)}`);
   };
   const onButtons = (record) => {
-    const now = process.hrtime.bigint();
-    if (!recording) return;
-    received.push(now);
+    received.push(process.hrtime.bigint());
     console.log(`${pad(received.length, 4)}  ${formatButtons(record)}`);
   };
-  // The first listener starts the capture, removing the last stops it.
-  pointer.on('motion', onMotion).on('buttons', onButtons);
-  const stop = () => pointer.off('motion', onMotion).off('buttons', onButtons);
+  let status = null;
+  const onStatus = (told) => { status = told; };
+  // The first listener of 'motion' or 'buttons' starts the capture, removing the last stops it.
+  pointer.on('status', onStatus).on('motion', onMotion).on('buttons', onButtons);
+  const stop = () => pointer.off('motion', onMotion).off('buttons', onButtons).off('status', onStatus);
   try {
-    return await recordGesture(stop, received, () => priming, () => { recording = true; }, inject, xinjectPath);
+    // Input injected once the capture is live arrives: no need to nudge the pointer until it reports.
+    if (!(await waitFor(() => status !== null, 20000))) throw new Error('the capture says nothing');
+    if (status.code !== 'live') throw new Error(`the capture does not read: ${status.message}`);
+    return await recordGesture(stop, received, xinjectPath);
   } finally {
     stop();
   }
 }
 
-async function recordGesture(stop, received, priming, startRecording, inject, xinjectPath) {
+async function recordGesture(stop, received, xinjectPath) {
   const display = process.env.DISPLAY;
-  // The capture's own X connection selects input shortly after it starts: nudge the pointer back
-  // and forth until it reports, then let those records drain before the gesture starts.
-  const deadline = Date.now() + 20000;
-  while (priming() === 0) {
-    if (Date.now() > deadline) throw new Error('the capture received no input');
-    inject('move', '1', '1');
-    inject('move', '-1', '-1');
-    await sleep(10);
-  }
-  await sleep(100);
-  startRecording();
 
   // The gesture, one command every 4 ms; xinject prints the send time of every event it sends (-t).
   const moves = circle();

@@ -22,6 +22,9 @@
  *   press B | release B | click B [N [RATE]] | hold B MS
  *   sync                    XSync, then print "ok"
  *   pos                     print "X Y"
+ *   window | nowindow       map a window that covers the screen (override-redirect: no window manager places or
+ *                           decorates it), or destroy it; under a Wayland compositor this puts an X11 window
+ *                           under the pointer or takes it away
  *   quit                    leave (so does the end of input)
  * An unknown or malformed line prints "error: ..." and script mode goes on.
  *
@@ -37,6 +40,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+
+#include "words.h"
 
 static int g_printTimes = 0;
 
@@ -120,6 +125,26 @@ static void printPosition(Display* display) {
     printf("%d %d\n", rootX, rootY);
 }
 
+/* The window of "window", 0 when there is none. */
+static Window g_window = 0;
+
+static void showWindow(Display* display, int show) {
+    if (show && !g_window) {
+        XSetWindowAttributes attributes;
+        attributes.override_redirect = True;
+        attributes.background_pixel = BlackPixel(display, DefaultScreen(display));
+        g_window =
+            XCreateWindow(display, DefaultRootWindow(display), 0, 0, DisplayWidth(display, DefaultScreen(display)),
+                          DisplayHeight(display, DefaultScreen(display)), 0, CopyFromParent, InputOutput,
+                          CopyFromParent, CWOverrideRedirect | CWBackPixel, &attributes);
+        XMapWindow(display, g_window);
+    } else if (!show && g_window) {
+        XDestroyWindow(display, g_window);
+        g_window = 0;
+    }
+    XSync(display, False);
+}
+
 static int parseLong(const char* text, long* value) {
     char* end = NULL;
     errno = 0;
@@ -161,6 +186,10 @@ static const char* runCommand(Display* display, int argc, char** argv, long coun
         if (argc != 1)
             return "usage: pos";
         printPosition(display);
+    } else if (strcmp(name, "window") == 0 || strcmp(name, "nowindow") == 0) {
+        if (argc != 1)
+            return "usage: window | nowindow";
+        showWindow(display, name[0] == 'w');
     } else if (strcmp(name, "sync") == 0) {
         if (argc != 1)
             return "usage: sync";
@@ -175,15 +204,10 @@ static const char* runCommand(Display* display, int argc, char** argv, long coun
 /* Script mode: one command per line; "move"/"click" take optional trailing N and RATE. */
 static int runScript(Display* display) {
     char line[512];
-    while (fgets(line, sizeof line, stdin)) {
-        char* words[8];
-        int count = 0;
-        for (char* word = strtok(line, " \t\r\n"); word && count < 8; word = strtok(NULL, " \t\r\n"))
-            words[count++] = word;
+    char* words[8];
+    for (int count = 0; (count = readCommand(line, sizeof line, words, 8)) >= 0;) {
         if (count == 0)
             continue;
-        if (strcmp(words[0], "quit") == 0)
-            break;
 
         long repeatCount = 1;
         double rate = 0;

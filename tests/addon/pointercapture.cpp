@@ -5,6 +5,7 @@
 #include <v8.h>
 
 #include <cstdint>
+#include <optional>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -93,14 +94,17 @@ class FakeInputComponent final : public Component, private Tracked {
         data.left = record.left;
         data.middle = record.middle;
         data.right = record.right;
-        m_staged.push_back(data);
+        m_staged.push_back(FakeRawInputDriver::Item{data, std::nullopt});
     }
+
+    /// Adds a status (a `CaptureStatus` number) to what the next `emit` hands to the reader.
+    void stageStatus(CaptureStatus status) { m_staged.push_back(FakeRawInputDriver::Item{{}, status}); }
 
     /// Makes the reader thread emit the staged records, all of them before this call returns: the script
     /// thread is blocked meanwhile, so the capture's wake-ups cannot be handled in between. Whether the
     /// reader took every record.
     bool emit() {
-        const std::vector<PointerData> records = std::exchange(m_staged, {});
+        const std::vector<FakeRawInputDriver::Item> records = std::exchange(m_staged, {});
         return fake().emitAndWait(records);
     }
 
@@ -120,6 +124,7 @@ class FakeInputComponent final : public Component, private Tracked {
                 common::meta::ClassBase<Component>{},
                 common::meta::ClassMethods{createMethodInfo<&FakeInputComponent::capturePointer>("capturePointer"),
                                            createMethodInfo<&FakeInputComponent::stage>("stage"),
+                                           createMethodInfo<&FakeInputComponent::stageStatus>("stageStatus"),
                                            createMethodInfo<&FakeInputComponent::emit>("emit"),
                                            createMethodInfo<&FakeInputComponent::captured>("captured"),
                                            createMethodInfo<&FakeInputComponent::stats>("stats")});
@@ -130,7 +135,7 @@ private:
     FakeRawInputDriver& fake() const { return *m_driver->as<FakeRawInputDriver*>(); }
 
     common::ComPtr<RawInputDriver> m_driver;
-    std::vector<PointerData> m_staged;
+    std::vector<FakeRawInputDriver::Item> m_staged;
 };
 
 ZEL_REGISTER_COMPONENT("fakeInput", FakeInputComponent);

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "bridge/rawinputdriverbase.h"
@@ -26,14 +27,19 @@ struct FakeDriverCounts {
     uint64_t breakHandle = 0;   ///< the thread handle that the last break named
 };
 
-/// A platform driver whose reader thread hands the records queued by `emit` to the base, in order, until the
-/// base asks it to stop. On its way out the reader hands over one more record, offset (99, 99): the base has
-/// dropped the callback by then and must discard it.
+/// A platform driver whose reader thread hands the records (and statuses) queued by `emit` to the base, in order,
+/// until the base asks it to stop. On its way out the reader hands over one more record, offset (99, 99): the base
+/// has dropped the callback by then and must discard it.
 class FakeRawInputDriver final : public zel::RawInputDriverBase {
     COMMON_COM_CLASS(FakeRawInputDriver, common::ConcurrentRC, zel::RawInputDriverBase);
 
 public:
     using PointerData = zel::RawInputDriver::PointerData;
+    /// A record, or a status when `status` is set.
+    struct Item {
+        PointerData data;
+        std::optional<zel::CaptureStatus> status;
+    };
 
     /// The longest time any wait of this driver takes before it gives up.
     static constexpr std::chrono::seconds kTimeout{10};
@@ -52,10 +58,13 @@ public:
         for (;;) {
             m_changed.wait(lock, [&] { return !m_pending.empty() || m_stop; });
             while (!m_pending.empty()) {
-                const PointerData data = m_pending.front();
+                const Item item = m_pending.front();
                 m_pending.pop_front();
                 lock.unlock();
-                notifyPointerEvent(data);
+                if (item.status)
+                    notifyStatus(*item.status);
+                else
+                    notifyPointerEvent(item.data);
                 lock.lock();
                 ++m_counts.delivered;
                 m_changed.notify_all();
@@ -85,13 +94,20 @@ public:
     /// Queues a record for the reader, which need not run yet.
     void emit(const PointerData& data) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_pending.push_back(data);
+        m_pending.push_back(Item{data, std::nullopt});
         m_changed.notify_all();
     }
 
-    /// Hands `records` to the running reader and waits until it has passed every one of them to the base.
-    /// False when no reader runs, or when it stopped or took too long before it was done.
-    bool emitAndWait(const std::vector<PointerData>& records) {
+    /// Queues a status for the reader, in order with the records.
+    void emitStatus(zel::CaptureStatus status) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_pending.push_back(Item{{}, status});
+        m_changed.notify_all();
+    }
+
+    /// Hands `records` (and statuses) to the running reader and waits until it has passed every one of them to the
+    /// base. False when no reader runs, or when it stopped or took too long before it was done.
+    bool emitAndWait(const std::vector<Item>& records) {
         std::unique_lock<std::mutex> lock(m_mutex);
         if (!m_counts.reading)
             return false;
@@ -116,6 +132,8 @@ public:
 
     /// Hands a record to the base on the calling thread.
     void notifyNow(const PointerData& data) { notifyPointerEvent(data); }
+    /// Hands a status to the base on the calling thread.
+    void notifyStatusNow(zel::CaptureStatus status) { notifyStatus(status); }
 
     /// Makes every later reader return at once, reading nothing.
     void endAtOnce() {
@@ -131,7 +149,7 @@ public:
 private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::deque<PointerData> m_pending;
+    std::deque<Item> m_pending;
     bool m_stop = false;
     bool m_endAtOnce = false;
     FakeDriverCounts m_counts;

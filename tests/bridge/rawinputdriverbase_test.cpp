@@ -226,10 +226,12 @@ TEST_F(RawInputDriverBaseTest, FailureToStartTheReaderLeavesTheCaptureInertAndLo
     if (saved.rlim_max != RLIM_INFINITY && saved.rlim_max < kHuge)
         GTEST_SKIP() << "cannot raise the stack limit";
     LogCollector log;
+    std::vector<zel::CaptureStatus> statuses;  // told on this thread, inside capturePointer
     rlimit huge = saved;
     huge.rlim_cur = kHuge;
     ASSERT_EQ(::setrlimit(RLIMIT_STACK, &huge), 0);
-    driver->capturePointer(records.callback());
+    driver->capturePointer(records.callback(), RawInputDriver::StatusCallback::makeUnique(
+                                                   [&](zel::CaptureStatus status) { statuses.push_back(status); }));
     ASSERT_EQ(::setrlimit(RLIMIT_STACK, &saved), 0);
 
     const auto entries = log.entries();
@@ -240,6 +242,7 @@ TEST_F(RawInputDriverBaseTest, FailureToStartTheReaderLeavesTheCaptureInertAndLo
     EXPECT_EQ(entries[0].function, "capturePointer");
     EXPECT_EQ(entries[0].file, "../bridge/rawinputdriverbase");
     EXPECT_EQ(fake().counts().started, 0);
+    EXPECT_EQ(statuses, std::vector<zel::CaptureStatus>{zel::CaptureStatus::Failed});
 
     driver->releasePointerCapture();  // nothing to stop: no break, no log
     EXPECT_EQ(fake().counts().breaks, 0);
@@ -248,6 +251,23 @@ TEST_F(RawInputDriverBaseTest, FailureToStartTheReaderLeavesTheCaptureInertAndLo
     driver->capturePointer(records.callback());  // a later capture works
     fake().emit(motion(1, 1));
     EXPECT_TRUE(records.waitFor(1));
+}
+
+TEST_F(RawInputDriverBaseTest, StatusesReachTheStatusCallbackInOrderWithTheRecordsUntilRelease) {
+    // Both callbacks append to one list, on the reader thread, inside the driver's lock.
+    std::vector<std::string> told;
+    driver->capturePointer(
+        RawInputDriver::Callback::makeUnique([&](PointerData data) { told.push_back(std::to_string(data.offset.x)); }),
+        RawInputDriver::StatusCallback::makeUnique(
+            [&](zel::CaptureStatus status) { told.push_back(zel::statusEvent(status).code.data()); }));
+    fake().emit(motion(1, 0));
+    fake().emitStatus(zel::CaptureStatus::Live);
+    fake().emit(motion(2, 0));
+    fake().emitStatus(zel::CaptureStatus::Lost);
+    ASSERT_TRUE(fake().waitDelivered(4));
+    driver->releasePointerCapture();
+    fake().notifyStatusNow(zel::CaptureStatus::Live);  // no capture: dropped
+    EXPECT_EQ(told, (std::vector<std::string>{"1", "live", "2", "lost"}));
 }
 
 TEST_F(RawInputDriverBaseTest, PointerCapturedFollowsTheCallback) {

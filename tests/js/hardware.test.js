@@ -259,7 +259,8 @@ test('each capturePointer call logs "Native: capture pointer" and returns a new 
   const second = newCapture();
   assert.notEqual(first, second);
   assert.deepEqual(logs.slice(before), [['Native: capture pointer', 0], ['Native: capture pointer', 0]]);
-  assert.deepEqual(Object.keys(first), ['setButtonsEventCallback', 'setMotionEventCallback', 'startCapturing', 'stopCapturing']);
+  assert.deepEqual(Object.keys(first),
+    ['setButtonsEventCallback', 'setMotionEventCallback', 'startCapturing', 'stopCapturing', 'setStatusCallback']);
 });
 
 // A child process of its own, so that nothing else holds the driver's capture or is collected meanwhile.

@@ -54,6 +54,9 @@ const OUTCOMES = {
   kept: { text: 'returns `undefined`; the value is kept as callback: each call fails silently inside the engine, delivery goes on; setting the slot again ends the process with SIGABRT' },
   starts: { text: 'returns `undefined`; capturing starts' },
   stops: { text: 'returns `undefined`; capturing stops' },
+  statuses: { text: 'returns `undefined`; the function receives the statuses' },
+  statusEmpty: { text: 'returns `undefined`; the slot stays empty (statuses are dropped) and may still be set' },
+  statusKept: { text: 'returns `undefined`; the value is kept as callback: each call fails silently inside the engine, delivery goes on; setting the slot again throws `Error`' },
   segv: { text: 'the process ends with SIGSEGV' },
   shutdown: { text: 'returns `undefined`; every component is released' },
 };
@@ -114,10 +117,19 @@ const METHODS = [
   },
   { name: 'capture.startCapturing', kind: 'start', extra: '1, "two", {}', outcome: () => 'starts' },
   { name: 'capture.stopCapturing', kind: 'stop', extra: '1, "two", {}', outcome: () => 'stops' },
+  {
+    name: 'capture.setStatusCallback', kind: 'status', extra: 'fn, 1, "two"',
+    outcome: (list) => {
+      if (list === NO_ARGS) return 'arity';
+      if (isFunctionValue(list) || list.src.startsWith('fn,')) return 'statuses';
+      return isEmptyValue(list) ? 'statusEmpty' : 'statusKept';
+    },
+  },
   { name: 'shutdown', kind: 'shutdown', extra: '1, "two", {}', outcome: () => 'shutdown' },
 ];
 
 const HW_TYPE = 'N3zel20HwComponentComponentE';
+const STATUS_SET = 'Pointer capture status callback already set.';
 const CRASH_TYPE = 'N3zel12CrashEmitterE';
 
 /**
@@ -139,6 +151,11 @@ const MISUSE = [
     call: '`setMotionEventCallback(null)`, then `setMotionEventCallback(f)`',
     script: 'capture.setMotionEventCallback(null); capture.setMotionEventCallback(fn);',
     outcome: { status: 0 }, text: 'both return `undefined`; `f` is the callback',
+  },
+  {
+    call: '`setStatusCallback(f)` on a slot that holds a callback',
+    script: 'capture.setStatusCallback(fn); capture.setStatusCallback(fn);',
+    outcome: { status: 0, thrown: STATUS_SET }, text: `throws \`Error\` "${STATUS_SET}"; the first callback stays`,
   },
   {
     call: '`hardware.getButtonState.call({}, 0)`',
@@ -343,7 +360,8 @@ test('capturePointer: every call returns a new capture object, arguments are ign
     const capture = z.hardware.capturePointer(...argumentsOf(list, () => {}));
     kept.push(capture);
     assert.equal(typeof capture, 'object', list.label);
-    for (const name of ['setButtonsEventCallback', 'setMotionEventCallback', 'startCapturing', 'stopCapturing']) {
+    for (const name of ['setButtonsEventCallback', 'setMotionEventCallback', 'startCapturing', 'stopCapturing',
+      'setStatusCallback']) {
       assert.equal(typeof capture[name], 'function', `${list.label}: ${name}`);
     }
     assert.ok(!made.has(capture), `${list.label}: a new object`);
@@ -361,7 +379,7 @@ async function driveCapture(capture, done) {
     // The reader needs a moment to select its events: inject until the first record comes through.
     const end = Date.now() + 10000;
     while (!done() && Date.now() < end) {
-      xinject('move', '3', '4');
+      xinject('wiggle', '3', '4', '-n', '2'); // there and back: the pointer stays clear of the edges
       xinject('click', '1');
       await waitFor(done, 200);
     }
@@ -369,6 +387,28 @@ async function driveCapture(capture, done) {
   } finally {
     capture.stopCapturing();
   }
+}
+
+/**
+ * Sets `setter` of a new capture with the values of `list` (its function records into `own`) and a witness with
+ * `witnessSetter`; asserts the outcome of the call (`expected`), then drives the capture until the witness receives,
+ * and `own` too when it `receives`. Delivery goes on whatever the slot holds. (The reader may start between the move
+ * and the click of one round: a function in the slot is waited for too.) Returns { capture, own }.
+ */
+async function setAndDrive(setter, witnessSetter, list, expected, receives) {
+  const capture = newCapture();
+  const witness = recorder();
+  const own = recorder();
+  capture[witnessSetter](witness.fn);
+  const outcome = outcomeOf(() => capture[setter](...argumentsOf(list, own.fn)));
+  if (expected === 'arity') {
+    assert.deepEqual(outcome, { thrown: { name: 'Error', message: ARITY_1 } }, list.label);
+  } else {
+    assert.deepEqual(outcome, { value: undefined }, list.label);
+  }
+  const flowing = () => witness.seen.length > 0 && (!receives || own.seen.length > 0);
+  assert.ok(await driveCapture(capture, flowing), `${list.label}: records flow`);
+  return { capture, own };
 }
 
 for (const slot of ['buttons', 'motion']) {
@@ -381,20 +421,7 @@ for (const slot of ['buttons', 'motion']) {
     const m = method(name);
     for (const list of argumentLists(m)) {
       const expected = m.outcome(list);
-      const capture = newCapture();
-      const witness = recorder();
-      const own = recorder();
-      capture[other](witness.fn);
-      const outcome = outcomeOf(() => capture[setter](...argumentsOf(list, own.fn)));
-      if (expected === 'arity') {
-        assert.deepEqual(outcome, { thrown: { name: 'Error', message: ARITY_1 } }, list.label);
-      } else {
-        assert.deepEqual(outcome, { value: undefined }, list.label);
-      }
-      // Delivery goes on whatever the slot holds: the other callback keeps receiving. (The reader may start
-      // between the move and the click of one round: a function in the slot is waited for too.)
-      const flowing = () => witness.seen.length > 0 && (expected !== 'receives' || own.seen.length > 0);
-      assert.ok(await driveCapture(capture, flowing), `${list.label}: records flow`);
+      const { capture, own } = await setAndDrive(setter, other, list, expected, expected === 'receives');
       if (expected === 'receives') {
         assert.ok(own.seen.length > 0, `${list.label}: the function receives`);
         assert.ok(own.seen.every(isOwn), `${list.label}: only ${slot} records`);
@@ -425,6 +452,24 @@ for (const slot of ['buttons', 'motion']) {
     }
   });
 }
+
+test('capture.setStatusCallback: the outcome of every argument list while records flow', async () => {
+  const m = method('capture.setStatusCallback');
+  for (const list of argumentLists(m)) {
+    const expected = m.outcome(list);
+    const { capture, own } = await setAndDrive('setStatusCallback', 'setMotionEventCallback', list, expected,
+      expected === 'statuses');
+    if (expected === 'statuses') {
+      assert.ok(own.seen.length > 0 && own.seen.every(({ code }) => code === 'live'), `${list.label}: the function hears "live"`);
+    } else {
+      assert.equal(own.seen.length, 0, list.label);
+    }
+    // A set slot is never replaced; an empty one can be set.
+    const again = outcomeOf(() => capture.setStatusCallback(() => {}));
+    const empty = expected === 'arity' || expected === 'statusEmpty';
+    assert.deepEqual(again, empty ? { value: undefined } : { thrown: { name: 'Error', message: STATUS_SET } }, list.label);
+  }
+});
 
 for (const [name, verb] of [['capture.startCapturing', 'startCapturing'], ['capture.stopCapturing', 'stopCapturing']]) {
   test(`${name}: arguments are ignored`, async () => {

@@ -99,6 +99,25 @@ test('the first listener starts one capture for all; records arrive unchanged; t
   assert.deepEqual(pointer.eventNames().filter((name) => name === 'motion' || name === 'buttons'), []);
 });
 
+test("'status' starts nothing; \"live\" comes first, and the one motion injected once it came arrives", async () => {
+  const madeBefore = made();
+  const seen = [];
+  const onStatus = (status) => seen.push(['status', status]);
+  pointer.on('status', onStatus);
+  assert.equal(made(), madeBefore, 'a status listener alone makes no capture');
+  const stop = listen(seen);
+  try {
+    assert.ok(await waitFor(() => seen.length > 0), 'a status arrives');
+    assert.deepEqual(seen, [['status', { code: 'live', message: 'Pointer capture is live' }]]);
+    await injector.run('move 6 -2');
+    await injector.settle(seen);
+    assert.deepEqual(offsetsOf(seen.slice(1)), [motion(6, -2)], 'no wait, no retry: the first move arrived');
+  } finally {
+    stop();
+    pointer.off('status', onStatus);
+  }
+});
+
 test('ButtonEvent and MouseButton name the numbers of the records and of getButtonState', async () => {
   const { ButtonEvent, MouseButton, hardware } = require(indexPath);
   const seen = [];

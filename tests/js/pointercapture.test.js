@@ -34,9 +34,15 @@ async function waitFor(done, ms = 5000) {
   return done();
 }
 
-/** Makes the fake reader emit `records`; returns once every one of them is in the capture's queue. */
-function emit(...records) {
-  for (const record of records) fake.stage(record);
+/** A status for `emit`, by its native number (the order of `CaptureStatus`). */
+const STATUS = Object.freeze({ live: { status: 0 }, xwayland: { status: 1 }, lost: { status: 5 } });
+
+/** Makes the fake reader emit `items` (records, and STATUS entries); returns once every one is in the capture's queue. */
+function emit(...items) {
+  for (const item of items) {
+    if ('status' in item) fake.stageStatus(item.status);
+    else fake.stage(item);
+  }
   return fake.emit();
 }
 
@@ -47,7 +53,7 @@ async function start(capture) {
 }
 
 /**
- * Installs both callbacks on `capture`; returns the list they fill with [kind, record, batch]. `batch` tells
+ * Installs the three callbacks on `capture`; returns the list they fill with [kind, record or status, batch]. `batch` tells
  * deliveries apart: it changes after the microtask checkpoint that closes each delivery and after each turn
  * of the event loop, so records delivered together carry one value.
  */
@@ -76,6 +82,7 @@ function recordOn(capture) {
   };
   capture.setMotionEventCallback((record) => seen.push(['motion', record, mark()]));
   capture.setButtonsEventCallback((record) => seen.push(['buttons', record, mark()]));
+  capture.setStatusCallback((status) => seen.push(['status', status, mark()]));
   return seen;
 }
 
@@ -132,6 +139,92 @@ test('each record reaches the callback of its parts: buttons only, neither for a
     // The records are plain objects with the fields in their declared order.
     assert.deepEqual(Object.keys(seen[0][1]), ['left', 'middle', 'right']);
     assert.deepEqual(Object.keys(seen[3][1]), ['offset', 'screenPoint']);
+  } finally {
+    capture.stopCapturing();
+  }
+});
+
+const LIVE = { code: 'live', message: 'Pointer capture is live' };
+const LOST = { code: 'lost', message: 'The connection to the X server was lost: pointer capture ended' };
+const NOTICE = { code: 'xwayland', message: 'The X server is Xwayland: pointer input arrives only while the pointer is '
+  + 'over an X11 window, never over native Wayland windows. Run the application in its X11 mode to receive input '
+  + 'over its own window' };
+
+test('statuses reach the status callback in order with the records, in the same delivery', async () => {
+  const capture = newCapture();
+  const seen = recordOn(capture);
+  await start(capture);
+  try {
+    assert.equal(emit(STATUS.live, STATUS.xwayland, motion(1, 2), buttons(2, 0, 0), STATUS.live, motion(3, 4),
+      STATUS.lost), true);
+    assert.ok(await waitFor(() => seen.length >= 7));
+    await sleep(20);
+    assert.deepEqual(withoutBatch(seen), [['status', LIVE], ['status', NOTICE], ['motion', motion(1, 2)],
+      ['buttons', buttons(2, 0, 0)], ['status', LIVE], ['motion', motion(3, 4)], ['status', LOST]]);
+    assert.equal(new Set(seen.map(([, , batch]) => batch)).size, 1, `one delivery: ${seen.map(([, , b]) => b)}`);
+    assert.deepEqual(Object.keys(seen[0][1]), ['code', 'message']);
+  } finally {
+    capture.stopCapturing();
+  }
+});
+
+test('every status has its code and message', async () => {
+  const capture = newCapture();
+  const seen = [];
+  capture.setStatusCallback((status) => seen.push(status));
+  await start(capture);
+  try {
+    assert.equal(emit(...[0, 1, 2, 3, 4, 5, 6].map((status) => ({ status }))), true);
+    assert.ok(await waitFor(() => seen.length >= 7));
+    assert.deepEqual(seen, [
+      LIVE,
+      NOTICE,
+      { code: 'no-display', message: 'No X display could be opened: pointer capture did not start' },
+      { code: 'no-xinput', message: 'The X server does not offer XInput 2.1: pointer capture did not start' },
+      { code: 'select-refused', message: 'The X server refused the raw pointer event selection: pointer capture did not start' },
+      LOST,
+      { code: 'failed', message: 'The system refused a thread or a descriptor that pointer capture needs: it did not '
+        + 'start or has ended' },
+    ]);
+  } finally {
+    capture.stopCapturing();
+  }
+});
+
+test('a status that reaches the script thread after its capture was stopped, or started anew, is dropped', async () => {
+  const capture = newCapture();
+  const seen = recordOn(capture);
+  await start(capture);
+  // Queued, then stopped before the script thread hands anything over: the record still arrives, the status not.
+  assert.equal(emit(motion(1, 1), STATUS.lost), true);
+  capture.stopCapturing();
+  await start(capture);
+  try {
+    assert.equal(emit(STATUS.live, motion(2, 2)), true);
+    assert.ok(await waitFor(() => seen.length >= 3));
+    await sleep(20);
+    assert.deepEqual(withoutBatch(seen), [['motion', motion(1, 1)], ['status', LIVE], ['motion', motion(2, 2)]]);
+  } finally {
+    capture.stopCapturing();
+  }
+});
+
+test('setStatusCallback: a second call throws and keeps the first; null leaves the slot empty', async () => {
+  const capture = newCapture();
+  const moves = [];
+  capture.setMotionEventCallback((record) => moves.push(record));
+  capture.setStatusCallback(null);
+  await start(capture);
+  try {
+    assert.equal(emit(STATUS.live, motion(1, 1)), true);
+    assert.ok(await waitFor(() => moves.length >= 1), 'records flow without a status callback');
+    const first = [];
+    capture.setStatusCallback((status) => first.push(status));
+    assert.throws(() => capture.setStatusCallback(() => assert.fail('replaced')),
+      { name: 'Error', message: 'Pointer capture status callback already set.' });
+    assert.equal(emit(STATUS.lost), true);
+    assert.ok(await waitFor(() => first.length >= 1));
+    assert.deepEqual(first, [LOST]);
   } finally {
     capture.stopCapturing();
   }

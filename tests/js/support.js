@@ -1,8 +1,10 @@
 'use strict';
 // Helpers shared by the script tests, the tools, the benchmarks, the soak run and the demo: module paths, helper
-// processes, private X servers, the XTest injector, waiting, garbage collection, child processes, percentiles.
+// processes, private X servers, a headless Wayland compositor with Xwayland, the XTest and Wayland injectors, a host
+// process that reports what `pointer` tells it, waiting, garbage collection, child processes, percentiles.
 const path = require('node:path');
 const fs = require('node:fs');
+const os = require('node:os');
 const v8 = require('node:v8');
 const vm = require('node:vm');
 const readline = require('node:readline');
@@ -231,6 +233,12 @@ function xinject(...args) {
   return execFileSync(xinjectPath, args, { encoding: 'utf8', env: toolEnv(), timeout: TOOL_MS });
 }
 
+/** Brings the pointer of DISPLAY (or `-d` in `args`) back to the middle of the 1280x1024 screen, away from the edges. */
+function recentre(...args) {
+  const [x, y] = xinject(...args, 'pos').trim().split(' ').map(Number);
+  xinject(...args, 'move', String(640 - x), String(512 - y));
+}
+
 /** Polls `done()` until it holds or `ms` pass, letting the event loop run; the final value of `done()`. */
 async function waitFor(done, ms = 10000) {
   const end = Date.now() + ms;
@@ -239,13 +247,14 @@ async function waitFor(done, ms = 10000) {
 }
 
 /**
- * A long-running xinject in script mode: commands go in on its standard input, answers come back by line.
+ * A long-running xinject in script mode (or, with `command`, another injector that reads the same commands, such as
+ * wlinject): commands go in on its standard input, answers come back by line.
  * The "seen" lists its helpers take hold [kind, record] pairs, kind 'motion' or 'buttons', in arrival order.
  */
 class Injector {
-  /** `display`: the X display to inject into (default: DISPLAY). */
-  constructor({ display = process.env.DISPLAY } = {}) {
-    this.child = spawn(xinjectPath, [...displayArgs(display), 'script'], { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
+  /** `display`: the X display to inject into (default: DISPLAY); `command`: [program, ...args] instead of xinject. */
+  constructor({ display = process.env.DISPLAY, command = [xinjectPath, ...displayArgs(display), 'script'] } = {}) {
+    this.child = spawn(command[0], command.slice(1), { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
     this.lines = [];
     this.waiting = [];
     this.exited = false;
@@ -342,6 +351,144 @@ function streamMoves({ rate = 1000, move = [1, 1], wiggle = true, display = proc
   };
 }
 
+// ---- Wayland: a headless sway with Xwayland, driven by tools/wlinject ----
+
+const wlinjectPath = process.env.WLINJECT || path.join(buildDir, 'tools', 'wlinject');
+/** The size of the compositor's one output, and so of Xwayland's screen. */
+const OUTPUT = { width: 1280, height: 1024 };
+
+/** The user the compositor runs as: sway refuses to run as root, so root runs it as nobody. */
+function compositorUser() {
+  if (process.getuid() !== 0) return null;
+  const id = (flag) => Number(execFileSync('id', [flag, 'nobody'], { encoding: 'utf8' }));
+  return { uid: id('-u'), gid: id('-g') };
+}
+
+/** The process ids of the children of `pid`. */
+function childrenOf(pid) {
+  try {
+    return fs.readdirSync(`/proc/${pid}/task`).flatMap((task) => fs.readFileSync(`/proc/${pid}/task/${task}/children`, 'utf8')
+      .split(' ').filter(Boolean).map(Number));
+  } catch {
+    return [];
+  }
+}
+
+/**
+ * Starts sway on its headless backend with one output of OUTPUT's size and Xwayland running (not started lazily),
+ * in a folder of its own, as nobody when this process is root. Local X clients of any user may use its Xwayland.
+ * With it come one wlinject, kept for the compositor's whole life (sway 1.7 crashes when a virtual pointer goes
+ * away), and one xinject on the Xwayland display. On return an X11 window covers the screen, the pointer is at its
+ * centre, and Xwayland has its input devices.
+ * Resolves to { display (Xwayland's ":N"), pointer (the wlinject, an Injector), x (the xinject, an Injector),
+ * centre: { x, y }, stop() (ends the compositor and Xwayland, then the injectors; resolves once all are gone) }.
+ */
+async function startCompositor() {
+  const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'zel-sway-'));
+  const user = compositorUser();
+  if (user) fs.chownSync(dir, user.uid, user.gid);
+  const displayFile = path.join(dir, 'x-display');
+  // Once Xwayland accepts clients: open it to every local user, then name it (the file appears whole).
+  fs.writeFileSync(path.join(dir, 'config'), [
+    'xwayland force',
+    `output HEADLESS-1 resolution ${OUTPUT.width}x${OUTPUT.height}`,
+    `exec sh -c 'for i in $(seq 400); do xhost +local: >/dev/null 2>&1 && break; sleep 0.05; done; `
+      + `echo "$DISPLAY" > ${displayFile}.new && mv ${displayFile}.new ${displayFile}'`,
+    '',
+  ].join('\n'));
+  const env = {
+    PATH: process.env.PATH, HOME: dir, XDG_RUNTIME_DIR: dir,
+    WLR_BACKENDS: 'headless', WLR_LIBINPUT_NO_DEVICES: '1', WLR_RENDERER: 'pixman',
+  };
+  const command = ['sway', '-c', path.join(dir, 'config')];
+  const log = fs.openSync(path.join(dir, 'sway.log'), 'a');
+  const sway = spawn(user ? 'setpriv' : command[0],
+    user ? ['--reuid=nobody', '--regid=nogroup', '--clear-groups', ...command] : command.slice(1),
+    { stdio: ['ignore', log, log], env });
+  fs.closeSync(log);
+  let swayEnded = false;
+  sway.once('exit', () => { swayEnded = true; });
+  const compositor = {
+    display: null,
+    centre: { x: OUTPUT.width / 2, y: OUTPUT.height / 2 },
+    async stop() {
+      await compositor.x?.close();
+      // Xwayland is sway's child: gone with it, or ended here.
+      const xwayland = childrenOf(sway.pid);
+      if (!swayEnded) await stopProcess(sway.pid);
+      await Promise.all(xwayland.map((pid) => stopProcess(pid)));
+      await compositor.pointer?.close();
+      fs.rmSync(dir, { recursive: true, force: true });
+    },
+  };
+  try {
+    const failure = () => `sway ended early: ${fs.readFileSync(path.join(dir, 'sway.log'), 'utf8')}`;
+    if (!(await waitFor(() => swayEnded || fs.existsSync(displayFile), TOOL_MS)) || swayEnded) throw new Error(failure());
+    compositor.display = fs.readFileSync(displayFile, 'utf8').trim();
+    const socket = fs.readdirSync(dir).find((name) => /^wayland-\d+$/.test(name));
+    compositor.pointer = new Injector({ command: [wlinjectPath, '-d', path.join(dir, socket)] });
+    compositor.x = new Injector({ display: compositor.display });
+    // Xwayland has a pointer once it follows the compositor's (it does over an X11 window).
+    const { x, y } = compositor.centre;
+    await compositor.x.run('window');
+    await compositor.pointer.run(`moveto ${x} ${y} ${OUTPUT.width} ${OUTPUT.height}`);
+    const end = Date.now() + TOOL_MS;
+    for (let at = await compositor.x.position(); at.x !== x || at.y !== y; at = await compositor.x.position()) {
+      if (Date.now() > end) throw new Error(`Xwayland's pointer stays at (${at.x}, ${at.y})`);
+      await sleep(20);
+    }
+    return compositor;
+  } catch (error) {
+    await compositor.stop();
+    throw error;
+  }
+}
+
+/**
+ * A node process that uses the package as a host would: listeners for every 'status', 'motion' and 'buttons' of
+ * `pointer` and for `log` (so the native log is printed on its standard output). Each event becomes one entry
+ * [kind, value] of `seen`. Lines sent to it: "buttons" adds ['state', [left, middle, right]] from getButtonState;
+ * "end" removes its listeners, after which it ends by itself. `env` is added to its environment.
+ * Returns { seen, output: { stdout, stderr }, send(line), waitFor(done, ms), ended (a promise of
+ * { status, signal, stdout, stderr }), kill() }.
+ */
+function startPointerHost(env = {}) {
+  const script = `
+    const { pointer, log, hardware } = ${requireBridge};
+    const tell = (kind, value) => process.stderr.write('SEEN ' + JSON.stringify([kind, value]) + '\\n');
+    const onMessage = () => {};
+    log.on('message', onMessage);
+    for (const kind of ['status', 'motion', 'buttons']) pointer.on(kind, (value) => tell(kind, value));
+    require('node:readline').createInterface({ input: process.stdin }).on('line', (line) => {
+      if (line === 'buttons') tell('state', [0, 1, 2].map((button) => hardware.getButtonState(button)));
+      if (line === 'end') {
+        pointer.removeAllListeners();
+        log.off('message', onMessage);
+        process.stdin.destroy();
+      }
+    });
+  `;
+  const child = spawn(process.execPath, ['-e', script], { env: { ...process.env, ...env }, stdio: ['pipe', 'pipe', 'pipe'] });
+  const seen = [];
+  const output = { stdout: '', stderr: '' };
+  child.stdout.setEncoding('utf8').on('data', (chunk) => { output.stdout += chunk; });
+  readline.createInterface({ input: child.stderr }).on('line', (line) => {
+    output.stderr += `${line}\n`;
+    if (line.startsWith('SEEN ')) seen.push(JSON.parse(line.slice(5)));
+  });
+  const ended = new Promise((resolve) => {
+    child.on('close', (status, signal) => resolve({ status, signal, ...output }));
+  });
+  return {
+    seen,
+    output,
+    ended,
+    send: (line) => child.stdin.write(`${line}\n`),
+    waitFor: (done, ms) => waitFor(done, ms),
+    kill: () => child.kill('SIGKILL'),
+  };
+}
+
 module.exports = {
   repoDir,
   modulePath,
@@ -370,7 +517,12 @@ module.exports = {
   xinjectPath,
   useTestDisplay,
   xinject,
+  recentre,
   waitFor,
   Injector,
   streamMoves,
+  wlinjectPath,
+  OUTPUT,
+  startCompositor,
+  startPointerHost,
 };

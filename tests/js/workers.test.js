@@ -8,7 +8,7 @@
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const {
-  describe, requireBridge, runChild, useTestDisplay, streamMoves, xinject,
+  describe, requireBridge, runChild, useTestDisplay, streamMoves, recentre,
 } = require('./support');
 
 useTestDisplay();
@@ -24,8 +24,7 @@ async function withMoves(body) {
     return await body();
   } finally {
     await moves.stop();
-    const [x, y] = xinject('pos').trim().split(' ').map(Number);
-    xinject('move', String(640 - x), String(512 - y));
+    recentre();
   }
 }
 

@@ -2,6 +2,7 @@
 #include "bridge/platform/Linux/mousetool-linux.h"
 
 #include <mutex>
+#include <utility>
 
 #include "bridge/platform/Linux/rawinputdriver-x11_internal.h"
 #include "common/diagnostics/log.h"
@@ -29,7 +30,8 @@ static_assert(common::zel_internal::kButton3Mask == Button3Mask);
 struct QueryConnection {
     std::mutex lock;
     bool opened = false;
-    bool lost = false;  ///< the server went away: the connection is abandoned, never used again
+    bool lost = false;         ///< the server went away: the connection is abandoned, never used again
+    bool failureTold = false;  ///< the lasting failure of the last query (no display, lost) has been logged
     Display* display = nullptr;
     Window root = 0;
 };
@@ -41,10 +43,8 @@ QueryConnection& queryConnection() {
 
 enum class QueryResult { Answered, NoDisplay, Lost, Failed };
 
-/// Asks the server for the pointer's button mask; the result says what became of the question.
-QueryResult queryButtonMask(unsigned& mask) {
-    QueryConnection& connection = queryConnection();
-    std::lock_guard<std::mutex> lock(connection.lock);
+/// Asks the server for the pointer's button mask on the locked `connection`; what became of the question.
+QueryResult askButtonMask(QueryConnection& connection, unsigned& mask) {
     if (!connection.opened) {
         connection.opened = true;
         x11::installIOErrorHandler();
@@ -74,19 +74,34 @@ QueryResult queryButtonMask(unsigned& mask) {
     return answered == True ? QueryResult::Answered : QueryResult::Failed;
 }
 
+/// Asks the server for the pointer's button mask; what became of the question, and whether it is a lasting failure
+/// (no display, a lost connection) that the calls before did not meet: such a failure is logged once, not per call.
+std::pair<QueryResult, bool> queryButtonMask(unsigned& mask) {
+    QueryConnection& connection = queryConnection();
+    std::lock_guard<std::mutex> lock(connection.lock);
+    const QueryResult result = askButtonMask(connection, mask);
+    const bool lasting = result == QueryResult::NoDisplay || result == QueryResult::Lost;
+    const bool untold = lasting && !connection.failureTold;
+    connection.failureTold = lasting;
+    return {result, untold};
+}
+
 }  // namespace
 
 bool MouseTool::getButtonState(MouseButton button) {
     // Logged without the lock: a log handler may call back into this function.
     unsigned mask = 0;
-    switch (queryButtonMask(mask)) {
+    const auto [result, untold] = queryButtonMask(mask);
+    switch (result) {
         case QueryResult::Answered:
             break;
         case QueryResult::NoDisplay:
-            COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "No X display to query the pointer");
+            if (untold)
+                COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "No X display to query the pointer");
             return false;
         case QueryResult::Lost:
-            COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "The X display connection for pointer queries was lost");
+            if (untold)
+                COMMON_LOG_AT(Level::Warning, kFile, __LINE__, "The X display connection for pointer queries was lost");
             return false;
         case QueryResult::Failed:
             COMMON_LOG_AT(Level::Warning, kFile, 46, "XQueryPointer returns False");

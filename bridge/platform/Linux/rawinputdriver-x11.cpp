@@ -96,6 +96,8 @@ public:
             COMMON_LOG_AT(Level::Error, kFile, 70, *refusal);
             return;
         }
+        if (!call([&] { m_xwayland = hasXwaylandDevices(); }))
+            return;
 
         Window window = 0;
         if (call([&] {
@@ -133,6 +135,8 @@ public:
     bool complete() const { return m_internalWindow != 0L; }
     /// Whether the connection was lost (the server went away).
     bool lost() const { return m_lost; }
+    /// Whether the server is Xwayland (known once set up).
+    bool xwayland() const { return m_xwayland; }
     const std::string& displayName() const { return m_displayName; }
     Window rootWindow() const { return m_rootWindow; }
 
@@ -184,6 +188,18 @@ public:
     }
 
 private:
+    /// Whether an input device of the server has a name that only Xwayland gives. Only inside `call`.
+    bool hasXwaylandDevices() const {
+        int count = 0;
+        XIDeviceInfo* devices = XIQueryDevice(m_display, XIAllDevices, &count);
+        bool found = false;
+        for (int i = 0; i < count && !found; ++i)
+            found = isXwaylandDeviceName(devices[i].name);
+        if (devices)
+            XIFreeDeviceInfo(devices);
+        return found;
+    }
+
     /// Whether `event` is a stop request: a client message with the close atom, whatever its window.
     bool isCloseInputEvent(const XEvent& event) const {
         return event.type == ClientMessage && isCloseMessage(event.type, event.xclient.message_type, m_closeAtom);
@@ -195,6 +211,7 @@ private:
     int m_xiOpcode = 0;
     Atom m_closeAtom = 0;
     bool m_lost = false;
+    bool m_xwayland = false;
     std::string m_displayName;  ///< for the report of a lost connection
 };
 
@@ -236,7 +253,8 @@ XRawInputDriver::~XRawInputDriver() {
     }
 }
 
-void XRawInputDriver::capturePointer(std::unique_ptr<Callback> callback) {
+void XRawInputDriver::capturePointer(std::unique_ptr<Callback> callback,
+                                     std::unique_ptr<StatusCallback> statusCallback) {
     // No reader runs here (or one runs that was never asked to stop): a stale request must not end the next one.
     m_stopRequested.store(false);
     for (const int fd : {m_wakeFd, m_endedFd}) {
@@ -244,14 +262,16 @@ void XRawInputDriver::capturePointer(std::unique_ptr<Callback> callback) {
         if (fd >= 0)
             (void)!read(fd, &pending, sizeof(pending));
     }
-    RawInputDriverBase::capturePointer(std::move(callback));
+    RawInputDriverBase::capturePointer(std::move(callback), std::move(statusCallback));
 }
 
-void XRawInputDriver::reportConnectionLost(const std::string& displayName) const {
+void XRawInputDriver::reportConnectionLost(const std::string& displayName) {
     // A connection dropped by a stop is no loss to report.
-    if (!m_stopRequested.load())
-        COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Lost the connection to X display {0}: pointer capture ended",
-                      displayName);
+    if (m_stopRequested.load())
+        return;
+    COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Lost the connection to X display {0}: pointer capture ended",
+                  displayName);
+    notifyStatus(CaptureStatus::Lost);
 }
 
 void XRawInputDriver::processInput() {
@@ -273,7 +293,7 @@ void XRawInputDriver::processInput() {
         return;
     if (m_wakeFd < 0) {
         COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Fail to create the raw input wake-up");
-        return;
+        return notifyStatus(CaptureStatus::Failed);
     }
 
     // Xlib keeps every event-queue entry it has allocated until the connection closes, so a burst that outran this
@@ -289,7 +309,7 @@ void XRawInputDriver::processInput() {
     InputClient client;
     if (!client.display()) {
         COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Fail to open X display");
-        return;
+        return notifyStatus(CaptureStatus::NoDisplay);
     }
     {
         // A copy of the connection's descriptor that lives until the reader ends, for a stop to drop the connection.
@@ -300,7 +320,7 @@ void XRawInputDriver::processInput() {
     if (client.lost())
         return reportConnectionLost(client.displayName());
     if (!client.complete())
-        return;  // the client has logged why
+        return notifyStatus(CaptureStatus::NoXInput);  // the client has logged why
 
     unsigned char maskBytes[kRawEventMaskLength] = {};
     fillRawEventMask(maskBytes);
@@ -319,7 +339,13 @@ void XRawInputDriver::processInput() {
         return reportConnectionLost(client.displayName());
     if (selectResult != 0) {
         COMMON_LOG_AT(Level::Error, kFile, 287, "Fail to select XInput events mask");
-        return;
+        return notifyStatus(CaptureStatus::SelectRefused);
+    }
+    // The position query's answer came after the server had handled the selection: raw events flow from here on.
+    notifyStatus(CaptureStatus::Live);
+    if (client.xwayland()) {
+        COMMON_LOG_AT(Level::Warning, kFile, __LINE__, statusEvent(CaptureStatus::Xwayland).message);
+        notifyStatus(CaptureStatus::Xwayland);
     }
 
     // Waits on the connection and on the wake-up together: a stop never needs the X server.
@@ -342,7 +368,7 @@ void XRawInputDriver::processInput() {
         // A hang-up or error on the connection wakes the poll; the next read reports the loss.
         if (poll(waits, 2, -1) < 0 && errno != EINTR) {
             COMMON_LOG_AT(Level::Error, kFile, __LINE__, "Fail to wait for X events (error {0})", errno);
-            return;
+            return notifyStatus(CaptureStatus::Failed);
         }
     }
 }

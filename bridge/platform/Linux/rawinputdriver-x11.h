@@ -24,7 +24,8 @@ public:
     /// Stops a running reader while the X part of the driver still exists.
     ~XRawInputDriver() override;
 
-    void capturePointer(std::unique_ptr<Callback> callback) override;
+    using RawInputDriverBase::capturePointer;
+    void capturePointer(std::unique_ptr<Callback> callback, std::unique_ptr<StatusCallback> statusCallback) override;
     void processInput() override;
     void breakInputProcessing(uint64_t threadHandle) override;
 
@@ -39,8 +40,8 @@ private:
     template <typename RawEvent>
     static void dumpRawEvent(const RawEvent& event);
 
-    /// Logs the loss of the reader's connection, unless a stop dropped it.
-    void reportConnectionLost(const std::string& displayName) const;
+    /// Logs the loss of the reader's connection and tells the capture, unless a stop dropped it.
+    void reportConnectionLost(const std::string& displayName);
 
     /// Wakes the reader for a stop (an eventfd the reader polls with its connection); -1 if it could not be made.
     const int m_wakeFd;

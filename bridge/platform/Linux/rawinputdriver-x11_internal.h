@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "bridge/pointerevents.h"
 #include "bridge/rawinputdriver.h"
@@ -113,6 +114,10 @@ inline void applyRawButton(zel::RawInputDriver::PointerData& data, int evtype, i
             break;
     }
 }
+
+/// Whether an input device name is one that Xwayland gives its devices ("xwayland-pointer:13", ...): no other X
+/// server names its devices so, and before version 23.1 Xwayland has no extension of its own that would say what it is.
+inline bool isXwaylandDeviceName(std::string_view name) { return name.starts_with("xwayland-"); }
 
 /// The pointer state mask bit of a button: left Button1Mask, middle Button2Mask, any other Button3Mask.
 inline unsigned buttonStateMask(zel::MouseButton button) {

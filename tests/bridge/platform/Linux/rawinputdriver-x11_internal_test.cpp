@@ -177,4 +177,13 @@ TEST(RawButtonTest, WheelAndExtraButtonsSetNothing) {
     }
 }
 
+TEST(XwaylandTest, DeviceNamesThatOnlyXwaylandGivesAreRecognised) {
+    for (const char* name : {"xwayland-pointer:13", "xwayland-relative-pointer:13", "xwayland-pointer-gestures:13",
+                             "xwayland-keyboard:13"})
+        EXPECT_TRUE(isXwaylandDeviceName(name)) << name;
+    for (const char* name : {"Virtual core pointer", "Virtual core XTEST pointer", "Xwayland pointer", "xwayland",
+                             " xwayland-pointer:13", ""})
+        EXPECT_FALSE(isXwaylandDeviceName(name)) << name;
+}
+
 }  // namespace
