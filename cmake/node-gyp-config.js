@@ -10,7 +10,7 @@ const fs = require('node:fs');
 const path = require('node:path');
 const { spawnSync } = require('node:child_process');
 const { parseArgs } = require('node:util');
-const { nodeGypScript, headerArgs } = require('../scripts/node-gyp.js');
+const { nodeGypScript, headerArgs, withoutRuntimeKnobs } = require('../scripts/node-gyp.js');
 const { readBuild, saveRecord } = require('../scripts/build-record.js');
 
 const sourceDir = path.resolve(__dirname, '..');
@@ -20,7 +20,9 @@ function configure(workDir, nodedir) {
   fs.mkdirSync(workDir, { recursive: true });
   for (const name of ['binding.gyp', 'sources.gypi']) fs.copyFileSync(path.join(sourceDir, name), path.join(workDir, name));
   const args = nodedir ? [`--nodedir=${path.resolve(nodedir)}`] : headerArgs();
-  const r = spawnSync(process.execPath, [nodeGypScript(), 'configure', ...args], { cwd: workDir, encoding: 'utf8' });
+  const env = nodedir ? withoutRuntimeKnobs() : process.env;
+  const r = spawnSync(process.execPath, [nodeGypScript(), 'configure', ...args], { cwd: workDir, env,
+    encoding: 'utf8' });
   if (r.error || r.status !== 0) throw new Error(`node-gyp configure failed:\n${r.stdout}${r.stderr}${r.error || ''}`);
   return path.join(workDir, 'build');
 }

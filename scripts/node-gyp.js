@@ -65,6 +65,15 @@ function runningNodeDir(proc = process) {
   return headerVersion(path.join(prefix, 'include', 'node')) === proc.versions.node ? prefix : null;
 }
 
+/**
+ * `env` without npm's knobs that name a runtime or its headers, for a node-gyp run told its --nodedir: node-gyp
+ * gives the environment's knobs precedence over its command line.
+ */
+function withoutRuntimeKnobs(env = process.env) {
+  const knob = new RegExp(`^npm_config_(${knobs.join('|')})$`, 'i');
+  return Object.fromEntries(Object.entries(env).filter(([key]) => !knob.test(key.replace(/-/g, '_'))));
+}
+
 /** node-gyp's arguments that name the headers: the running Node's own when the build is for it, else none. */
 function headerArgs(env = process.env, proc = process) {
   const own = buildsForRunningNode(env, proc) && runningNodeDir(proc);
@@ -72,4 +81,4 @@ function headerArgs(env = process.env, proc = process) {
 }
 
 module.exports = { which, nodeGypScript, requestedRuntime, buildsForRunningNode, headerVersion, runningNodeDir,
-  headerArgs };
+  withoutRuntimeKnobs, headerArgs };

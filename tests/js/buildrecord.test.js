@@ -111,6 +111,20 @@ test('a build for another runtime names it, its version and its options in the r
   assert.ok(record.v8Defines.includes('V8_ENABLE_SANDBOX'));
 });
 
+test("headers named to the developer build win over npm's knobs, which node-gyp would otherwise prefer", () => {
+  const headers = syntheticHostHeaders(path.join(work, 'named', 'headers'), { moduleVersion: 139 });
+  const out = (name) => path.join(work, 'named', name);
+  const r = spawnSync(process.execPath, [path.join(__dirname, '..', '..', 'cmake', 'node-gyp-config.js'), '--work',
+    out('gyp'), '--cmake', out('headers.cmake'), '--record', out('record.json'), '--nodedir', headers],
+  { env: { ...process.env, npm_config_nodedir: systemPrefix, npm_config_target: '99.0.0' }, encoding: 'utf8' });
+  assert.equal(r.status, 0, r.stderr);
+  assert.equal(JSON.parse(fs.readFileSync(out('record.json'), 'utf8')).moduleVersion, 139);
+  assert.match(fs.readFileSync(out('headers.cmake'), 'utf8'), /^set\(ZEL_NODE_MODULE_VERSION 139\)$/m);
+  assert.deepEqual(nodeGyp.withoutRuntimeKnobs({ npm_config_nodedir: 'a', npm_config_dist_url: 'b',
+    npm_config_disturl: 'c', npm_config_target: 'd', npm_config_runtime: 'e', npm_config_jobs: 'max', PATH: 'p' }),
+  { npm_config_jobs: 'max', PATH: 'p' });
+});
+
 test("the install builds for the running Node with its own headers, and for anything else as npm's knobs say", () => {
   assert.equal(nodeGyp.runningNodeDir(), systemPrefix);
   assert.deepEqual(nodeGyp.headerArgs({}), [`--nodedir=${systemPrefix}`]);
