@@ -64,12 +64,13 @@ export interface ButtonsEventData {
  * The capture has ended by itself:
  * - `'lost'`: the connection to the X server was lost (the server, or the Wayland compositor running Xwayland,
  *   went away).
+ * - `'closed'`: another X client sent the capture's hidden window its close message ("_APP_CLOSE_INPUT").
  *
  * Either:
  * - `'failed'`: the system refused a thread or a descriptor the capture needs.
  */
 export interface StatusEventData {
-  code: 'live' | 'xwayland' | 'no-display' | 'no-xinput' | 'select-refused' | 'lost' | 'failed';
+  code: 'live' | 'xwayland' | 'no-display' | 'no-xinput' | 'select-refused' | 'lost' | 'closed' | 'failed';
   message: string;
 }
 

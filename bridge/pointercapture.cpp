@@ -6,6 +6,7 @@
 #include <uv.h>
 
 #include <mutex>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -95,6 +96,8 @@ private:
     std::vector<QueuedStatus> m_deliveringStatuses;
     /// Counts this object's starts and stops: a status of an earlier capture is not told.
     uint32_t m_run = 0;
+    /// Set when a start failed at once (no reader thread): keeps the process alive until its status is told.
+    std::optional<LoopRef> m_untoldFailure;
 };
 
 common::ComPtr<PointerCapture> PointerCapture::create(common::ComPtr<RawInputDriver> driver) {
@@ -146,6 +149,7 @@ void PointerCaptureImpl::releasePointerCapture() {
         m_driver->releasePointerCapture();
         m_driver.release();
     }
+    m_untoldFailure.reset();
     if (m_async) {
         uv_async_t* handle = std::exchange(m_async, nullptr);
         handle->data = nullptr;
@@ -191,6 +195,9 @@ void PointerCaptureImpl::startCapturing() {
             m_statuses.push_back(QueuedStatus{m_queue.size(), run, status});
             uv_async_send(m_async);
         }));
+    // The driver dropped the record callback, and its hold on the loop, before the failure could be delivered.
+    if (!m_driver->pointerCaptured())
+        m_untoldFailure.emplace(m_async);
 }
 
 void PointerCaptureImpl::stopCapturing() {
@@ -218,6 +225,8 @@ void PointerCaptureImpl::deliver() {
         std::swap(m_queue, m_delivering);
         std::swap(m_statuses, m_deliveringStatuses);
     }
+    // Released before the callbacks run: one of them may start a capture that holds the loop again.
+    m_untoldFailure.reset();
     if ((!m_delivering.empty() && (m_motionCallback || m_buttonsCallback)) ||
         (!m_deliveringStatuses.empty() && m_statusCallback))
         invokeCallbacks();

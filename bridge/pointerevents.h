@@ -82,6 +82,7 @@ enum class CaptureStatus : int32_t {
     SelectRefused,  ///< the server refused the raw event selection: the capture did not start
     Lost,           ///< the connection to the X server was lost: the capture ended
     Failed,         ///< the system refused a thread or a descriptor: the capture did not start, or ended
+    Closed,         ///< another X client sent the reader's window its close message: the capture ended
 };
 
 /// A capture status as script sees it: a stable code and a readable message.
@@ -119,6 +120,10 @@ constexpr StatusEventData statusEvent(CaptureStatus status) {
                     "The X server refused the raw pointer event selection: pointer capture did not start"};
         case CaptureStatus::Lost:
             return {"lost", "The connection to the X server was lost: pointer capture ended"};
+        case CaptureStatus::Closed:
+            return {"closed",
+                    "Another X client sent the \"_APP_CLOSE_INPUT\" message to the capture's window: pointer capture "
+                    "ended"};
         case CaptureStatus::Failed:
             break;
     }

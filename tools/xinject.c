@@ -9,6 +9,8 @@
  *   release BUTTON   release BUTTON
  *   hold BUTTON MS   press BUTTON, keep it down for MS milliseconds, release it
  *   pos              print the pointer position "X Y"
+ *   closecapture     send "_APP_CLOSE_INPUT" to the hidden window of every running capture, as another client
+ *                    may; print how many windows got it
  *   script           read commands from standard input, one per line (see below)
  *
  *   -n N     repeat the command N times (move, wiggle, click; default 1)
@@ -22,6 +24,7 @@
  *   press B | release B | click B [N [RATE]] | hold B MS
  *   sync                    XSync, then print "ok"
  *   pos                     print "X Y"
+ *   closecapture            as above
  *   window | nowindow       map a window that covers the screen (override-redirect: no window manager places or
  *                           decorates it), or destroy it; under a Wayland compositor this puts an X11 window
  *                           under the pointer or takes it away
@@ -145,6 +148,35 @@ static void showWindow(Display* display, int show) {
     XSync(display, False);
 }
 
+/* Sends the close message "_APP_CLOSE_INPUT" to every top-level window named "ZEL:EventReceiver" (the hidden
+ * window of each running capture), as any other client of the display may; prints how many got it. */
+static void closeCaptures(Display* display) {
+    const Atom close = XInternAtom(display, "_APP_CLOSE_INPUT", False);
+    Window root = 0, parent = 0, *children = NULL;
+    unsigned int count = 0, sent = 0;
+    if (XQueryTree(display, DefaultRootWindow(display), &root, &parent, &children, &count)) {
+        for (unsigned int i = 0; i < count; ++i) {
+            char* name = NULL;
+            if (XFetchName(display, children[i], &name) && name && strcmp(name, "ZEL:EventReceiver") == 0) {
+                XEvent event;
+                memset(&event, 0, sizeof event);
+                event.xclient.type = ClientMessage;
+                event.xclient.window = children[i];
+                event.xclient.message_type = close;
+                event.xclient.format = 32;
+                XSendEvent(display, children[i], False, NoEventMask, &event);
+                ++sent;
+            }
+            if (name)
+                XFree(name);
+        }
+        if (children)
+            XFree(children);
+    }
+    XSync(display, False);
+    printf("%u\n", sent);
+}
+
 static int parseLong(const char* text, long* value) {
     char* end = NULL;
     errno = 0;
@@ -190,6 +222,10 @@ static const char* runCommand(Display* display, int argc, char** argv, long coun
         if (argc != 1)
             return "usage: window | nowindow";
         showWindow(display, name[0] == 'w');
+    } else if (strcmp(name, "closecapture") == 0) {
+        if (argc != 1)
+            return "usage: closecapture";
+        closeCaptures(display);
     } else if (strcmp(name, "sync") == 0) {
         if (argc != 1)
             return "usage: sync";
@@ -237,7 +273,7 @@ static void usage(void) {
     fprintf(
         stderr,
         "usage: xinject [-d DISPLAY] move DX DY | wiggle DX DY | click B | press B | release B | hold B MS | pos |\n"
-        "               script\n"
+        "               closecapture | script\n"
         "               [-n N] [-r RATE] [-t]\n");
 }
 

@@ -2,6 +2,7 @@
 // emits the records that script stages, so that delivery can be driven without an X server.
 #include "bridge/pointercapture.h"
 
+#include <sys/resource.h>
 #include <v8.h>
 
 #include <cstdint>
@@ -111,6 +112,30 @@ class FakeInputComponent final : public Component, private Tracked {
     /// Whether the driver holds a capture.
     bool captured() const { return m_driver->pointerCaptured(); }
 
+    /// While `refuse` holds, threads sized by the stack limit (libuv's, so every capture's reader) cannot be
+    /// created: the soft limit is raised far beyond the address space. False restores the limit. Whether it
+    /// took effect.
+    bool refuseReaderThreads(bool refuse) {
+        static std::optional<rlimit> saved;
+        if (refuse == saved.has_value())
+            return true;
+        if (!refuse) {
+            const bool restored = ::setrlimit(RLIMIT_STACK, &*saved) == 0;
+            saved.reset();
+            return restored;
+        }
+        rlimit current{};
+        constexpr rlim_t kHuge = rlim_t(1) << 46;
+        if (::getrlimit(RLIMIT_STACK, &current) != 0 || (current.rlim_max != RLIM_INFINITY && current.rlim_max < kHuge))
+            return false;
+        rlimit huge = current;
+        huge.rlim_cur = kHuge;
+        if (::setrlimit(RLIMIT_STACK, &huge) != 0)
+            return false;
+        saved = current;
+        return true;
+    }
+
     FakeDriverStats stats() const {
         const zel_test::FakeDriverCounts counts = fake().counts();
         return FakeDriverStats{counts.started, counts.finished, counts.breaks, counts.delivered, counts.reading};
@@ -122,12 +147,14 @@ class FakeInputComponent final : public Component, private Tracked {
             using common::meta::createMethodInfo;
             return std::make_tuple(
                 common::meta::ClassBase<Component>{},
-                common::meta::ClassMethods{createMethodInfo<&FakeInputComponent::capturePointer>("capturePointer"),
-                                           createMethodInfo<&FakeInputComponent::stage>("stage"),
-                                           createMethodInfo<&FakeInputComponent::stageStatus>("stageStatus"),
-                                           createMethodInfo<&FakeInputComponent::emit>("emit"),
-                                           createMethodInfo<&FakeInputComponent::captured>("captured"),
-                                           createMethodInfo<&FakeInputComponent::stats>("stats")});
+                common::meta::ClassMethods{
+                    createMethodInfo<&FakeInputComponent::capturePointer>("capturePointer"),
+                    createMethodInfo<&FakeInputComponent::stage>("stage"),
+                    createMethodInfo<&FakeInputComponent::stageStatus>("stageStatus"),
+                    createMethodInfo<&FakeInputComponent::emit>("emit"),
+                    createMethodInfo<&FakeInputComponent::captured>("captured"),
+                    createMethodInfo<&FakeInputComponent::refuseReaderThreads>("refuseReaderThreads"),
+                    createMethodInfo<&FakeInputComponent::stats>("stats")});
         }
     };
 

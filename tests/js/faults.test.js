@@ -19,7 +19,8 @@ const os = require('node:os');
 const path = require('node:path');
 const { spawn, spawnSync } = require('node:child_process');
 const {
-  describe, requireBridge, requireTestkit, sleep, startXvfb, stopProcess, toolEnv, xinject, xinjectPath, TOOL_MS,
+  describe, requireBridge, requireTestkit, runChild, sleep, startXvfb, stopProcess, toolEnv, xinject, xinjectPath,
+  TOOL_MS,
 } = require('./support');
 
 // Seconds a child may take to end once its fault happened.
@@ -311,21 +312,25 @@ test('X server killed under a getButtonState poll every millisecond: every call 
   }
 });
 
+/** A child whose `pointer` listeners say "capturing" at the first record and "STATUS {...}" for each status. */
+const listeningChild = `
+  ${prelude}
+  z.pointer.on('status', (status) => say('STATUS ' + JSON.stringify(status)));
+  let records = 0;
+  z.pointer.on('motion', () => { if (++records === 1) say('capturing'); });
+`;
+const statusLines = (result) => result.stderr.split('\n').filter((line) => line.startsWith('STATUS '));
+
 test('X server killed while pointer is listened to: one "lost" status, the capture released, node ends by itself', async () => {
   const server = await startServer();
-  const child = startChild(`
-    ${prelude}
-    z.pointer.on('status', (status) => say('STATUS ' + JSON.stringify(status)));
-    let records = 0;
-    z.pointer.on('motion', () => { if (++records === 1) say('capturing'); });
-  `, server.display);
+  const child = startChild(listeningChild, server.display);
   try {
     assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('capturing')), describe(child.output));
     await server.kill('SIGKILL');
     // The listeners stay; the released capture no longer keeps the process alive.
     const result = await endOf(child);
     assertSurvived(result, server.display);
-    assert.deepEqual(result.stderr.split('\n').filter((line) => line.startsWith('STATUS ')), [
+    assert.deepEqual(statusLines(result), [
       `STATUS ${JSON.stringify({ code: 'live', message: 'Pointer capture is live' })}`,
       `STATUS ${JSON.stringify({ code: 'lost', message: 'The connection to the X server was lost: pointer capture ended' })}`,
     ], describe(result));
@@ -335,6 +340,45 @@ test('X server killed while pointer is listened to: one "lost" status, the captu
     child.kill();
     server.stop();
   }
+});
+
+test('another client sends the capture\'s window "_APP_CLOSE_INPUT": one warning and "closed" status, the capture '
+  + 'released, node ends by itself', async () => {
+  const server = await startServer();
+  const child = startChild(listeningChild, server.display);
+  const closed = 'Another X client sent the "_APP_CLOSE_INPUT" message to the capture\'s window: pointer capture ended';
+  try {
+    assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('capturing')), describe(child.output));
+    assert.equal(xinject('-d', server.display, 'closecapture'), '1\n', 'the capture\'s one window got it');
+    const result = await endOf(child);
+    assertSurvived(result, server.display);
+    assert.deepEqual(statusLines(result), [
+      `STATUS ${JSON.stringify({ code: 'live', message: 'Pointer capture is live' })}`,
+      `STATUS ${JSON.stringify({ code: 'closed', message: closed })}`,
+    ], describe(result));
+    assert.equal(result.stdout, `Native: capture pointer\n${closed}\nPointer capture released\n`, describe(result));
+    assert.equal(xinject('-d', server.display, 'closecapture'), '0\n', 'the released capture left no window');
+  } finally {
+    child.kill();
+    server.stop();
+  }
+});
+
+test('a reader thread the system refuses: "failed" reaches \'status\' before node ends by itself', () => {
+  const result = runChild(`
+    const kit = ${requireTestkit};
+    ${prelude}
+    z.pointer.on('status', (status) => say('STATUS ' + JSON.stringify(status)));
+    if (!kit.fakeInput.refuseReaderThreads(true)) say('threads not refused');
+    z.pointer.on('motion', () => say('record'));
+    kit.fakeInput.refuseReaderThreads(false);
+  `, { env: { DISPLAY: ':4093' } });
+  assert.equal(result.signal, null, describe(result));
+  assert.equal(result.status, 0, describe(result));
+  assert.deepEqual(statusLines(result), [`STATUS ${JSON.stringify({ code: 'failed', message: 'The system refused a '
+    + 'thread or a descriptor that pointer capture needs: it did not start or has ended' })}`], describe(result));
+  assert.match(result.stdout, /^Native: capture pointer\nFail to start raw input thread \(error -\d+\)\n$/, describe(result));
+  assert.match(result.stderr, /^exit 0$/m, describe(result));
 });
 
 test('X server killed while a capture is stopped and buttons are not queried: nothing happens until the next use', async () => {

@@ -174,8 +174,8 @@ test('every status has its code and message', async () => {
   capture.setStatusCallback((status) => seen.push(status));
   await start(capture);
   try {
-    assert.equal(emit(...[0, 1, 2, 3, 4, 5, 6].map((status) => ({ status }))), true);
-    assert.ok(await waitFor(() => seen.length >= 7));
+    assert.equal(emit(...[0, 1, 2, 3, 4, 5, 6, 7].map((status) => ({ status }))), true);
+    assert.ok(await waitFor(() => seen.length >= 8));
     assert.deepEqual(seen, [
       LIVE,
       NOTICE,
@@ -185,6 +185,8 @@ test('every status has its code and message', async () => {
       LOST,
       { code: 'failed', message: 'The system refused a thread or a descriptor that pointer capture needs: it did not '
         + 'start or has ended' },
+      { code: 'closed', message: 'Another X client sent the "_APP_CLOSE_INPUT" message to the capture\'s window: '
+        + 'pointer capture ended' },
     ]);
   } finally {
     capture.stopCapturing();

@@ -360,8 +360,11 @@ void XRawInputDriver::processInput() {
                 return reportConnectionLost(client.displayName());
             if (outcome == ReadOutcome::Empty)
                 break;
-            if (outcome == ReadOutcome::Close)
-                return;
+            if (outcome == ReadOutcome::Close) {
+                // A stop never sends the message (it wakes the reader through m_wakeFd): another client did.
+                COMMON_LOG_AT(Level::Warning, kFile, __LINE__, statusEvent(CaptureStatus::Closed).message);
+                return notifyStatus(CaptureStatus::Closed);
+            }
             if (outcome == ReadOutcome::Record)
                 notifyPointerEvent(record);
         }
