@@ -3,7 +3,8 @@
 set -euo pipefail
 packages=(cmake g++ make pkg-config python3 clang-format googletest libgtest-dev libgmock-dev libbenchmark-dev
           libx11-dev libxi-dev libxtst-dev xvfb x11-utils binutils libuv1-dev clang libclang-rt-14-dev
-          sway xwayland x11-xserver-utils libwayland-dev libwayland-bin)
+          sway xwayland x11-xserver-utils libwayland-dev libwayland-bin
+          wayland-protocols)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

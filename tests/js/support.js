@@ -285,10 +285,15 @@ class Injector {
     }
   }
 
+  /** Sends `command` and resolves to the line it answers. */
+  ask(command) {
+    this.child.stdin.write(`${command}\n`);
+    return this.nextLine();
+  }
+
   /** The pointer position. */
   async position() {
-    this.child.stdin.write('pos\n');
-    const line = await this.nextLine();
+    const line = await this.ask('pos');
     const match = /^(-?\d+) (-?\d+)$/.exec(line || '');
     if (!match) throw new Error(`xinject answered ${JSON.stringify(line)} to "pos"`);
     return { x: Number(match[1]), y: Number(match[2]) };

@@ -1,8 +1,8 @@
 'use strict';
 // Pointer capture on a Wayland desktop: sway on its headless backend with Xwayland, its pointer driven by a Wayland
 // virtual pointer (tools/wlinject), and the package in a host process on Xwayland's display, listening to `pointer`
-// as an application does. With an X11 window under the pointer, input arrives exactly as injected; with none, nothing
-// arrives and nothing is logged; the capture says once that it runs on Xwayland; the compositor going away ends
+// as an application does. With an X11 window under the pointer, input arrives exactly as injected; with none, or a
+// native Wayland window (wlinject's own) there, nothing arrives and nothing is logged; the capture says once that it runs on Xwayland; the compositor going away ends
 // the capture with one status and the host goes on.
 const test = require('node:test');
 const assert = require('node:assert/strict');
@@ -96,9 +96,8 @@ test('with an X11 window under the pointer, getButtonState reports the held butt
   assert.deepEqual(await stateAfter('release 3'), ['state', [false, false, false]]);
 });
 
-test('with no X11 window under the pointer nothing arrives and nothing is logged; the notice was given once', async () => {
-  await compositor.x.run('nowindow');
-  // Until the compositor has taken the pointer away from Xwayland: probes until none has arrived for a while.
+/** Until the compositor has taken the pointer away from Xwayland: probes until none has arrived for a while. */
+async function untilXwaylandQuiet() {
   const end = Date.now() + 20000;
   for (let quietSince = Date.now(), count = host.seen.length; Date.now() - quietSince < 500;) {
     assert.ok(Date.now() < end, `the pointer stays with Xwayland\n${describe(host.output)}`);
@@ -106,6 +105,11 @@ test('with no X11 window under the pointer nothing arrives and nothing is logged
     await sleep(20);
     if (host.seen.length !== count) [quietSince, count] = [Date.now(), host.seen.length];
   }
+}
+
+test('with no X11 window under the pointer nothing arrives and nothing is logged; the notice was given once', async () => {
+  await compositor.x.run('nowindow');
+  await untilXwaylandQuiet();
   const from = host.seen.length;
   const stdout = host.output.stdout;
   await compositor.pointer.run(...Array(5).fill('move 7 -3'), 'click 1', 'click 3');
@@ -118,6 +122,26 @@ test('with no X11 window under the pointer nothing arrives and nothing is logged
   assert.equal(host.output.stdout, stdout, 'nothing logged');
   assert.equal(countLines(host.output.stdout, NOTICE), 1);
   assert.deepEqual(statuses(host.seen).map(({ code }) => code), ['live', 'xwayland']);
+});
+
+test('over a native Wayland window the window gets the input and the capture nothing; nothing is logged', async () => {
+  await compositor.x.run('nowindow');
+  await compositor.pointer.run('window');
+  await untilXwaylandQuiet();
+  const from = host.seen.length;
+  const stdout = host.output.stdout;
+  /** [motions, button events] the native window has received. */
+  const windowSeen = async () => (await compositor.pointer.ask('seen')).split(' ').map(Number);
+  const [motions, presses] = await windowSeen();
+  await compositor.pointer.run(...Array(5).fill('move 7 -3'), 'click 1', 'click 3');
+  assert.deepEqual(await windowSeen(), [motions + 5, presses + 4], 'the pointer was over the native window');
+
+  await compositor.pointer.run('nowindow');
+  await compositor.x.run('window');
+  await probeUntilReading();
+  const arrived = host.seen.slice(from);
+  assert.ok(arrived.length > 0 && arrived.every(isProbe), `only the probes after the X11 window came back: ${JSON.stringify(arrived)}`);
+  assert.equal(host.output.stdout, stdout, 'nothing logged');
 });
 
 test('the compositor going away ends the capture with one "lost" status; the host goes on and ends normally', async () => {
