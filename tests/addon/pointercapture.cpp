@@ -2,7 +2,6 @@
 // emits the records that script stages, so that delivery can be driven without an X server.
 #include "bridge/pointercapture.h"
 
-#include <sys/resource.h>
 #include <v8.h>
 
 #include <cstdint>
@@ -19,6 +18,7 @@
 #include "common/v8binding/v8binding.h"
 #include "tests/addon/testkit.h"
 #include "tests/bridge/fakerawinputdriver.h"
+#include "tests/bridge/threadrefusal.h"
 
 namespace zel::testkit {
 
@@ -112,28 +112,17 @@ class FakeInputComponent final : public Component, private Tracked {
     /// Whether the driver holds a capture.
     bool captured() const { return m_driver->pointerCaptured(); }
 
-    /// While `refuse` holds, threads sized by the stack limit (libuv's, so every capture's reader) cannot be
-    /// created: the soft limit is raised far beyond the address space. False restores the limit. Whether it
-    /// took effect.
+    /// While `refuse` holds, no capture's reader thread can be created (see ThreadRefusal); false ends that.
+    /// Whether reader threads are refused as asked.
     bool refuseReaderThreads(bool refuse) {
-        static std::optional<rlimit> saved;
-        if (refuse == saved.has_value())
-            return true;
+        static std::optional<zel_test::ThreadRefusal> refusal;
         if (!refuse) {
-            const bool restored = ::setrlimit(RLIMIT_STACK, &*saved) == 0;
-            saved.reset();
-            return restored;
+            refusal.reset();
+            return true;
         }
-        rlimit current{};
-        constexpr rlim_t kHuge = rlim_t(1) << 46;
-        if (::getrlimit(RLIMIT_STACK, &current) != 0 || (current.rlim_max != RLIM_INFINITY && current.rlim_max < kHuge))
-            return false;
-        rlimit huge = current;
-        huge.rlim_cur = kHuge;
-        if (::setrlimit(RLIMIT_STACK, &huge) != 0)
-            return false;
-        saved = current;
-        return true;
+        if (!refusal)
+            refusal.emplace();
+        return refusal->active();
     }
 
     FakeDriverStats stats() const {

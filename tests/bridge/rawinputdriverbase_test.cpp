@@ -2,7 +2,6 @@
 #include "bridge/rawinputdriverbase.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -17,6 +16,7 @@
 #include "common/utils/exception.h"
 #include "fakerawinputdriver.h"
 #include "input_test_support.h"
+#include "threadrefusal.h"
 
 namespace {
 
@@ -219,20 +219,15 @@ TEST_F(RawInputDriverBaseTest, ReleaseWaitsForARunningDelivery) {
 }
 
 TEST_F(RawInputDriverBaseTest, FailureToStartTheReaderLeavesTheCaptureInertAndLogsAnError) {
-    // libuv sizes thread stacks from RLIMIT_STACK: an enormous limit makes the thread creation fail.
-    rlimit saved{};
-    ASSERT_EQ(::getrlimit(RLIMIT_STACK, &saved), 0);
-    constexpr rlim_t kHuge = rlim_t(1) << 46;
-    if (saved.rlim_max != RLIM_INFINITY && saved.rlim_max < kHuge)
-        GTEST_SKIP() << "cannot raise the stack limit";
     LogCollector log;
     std::vector<zel::CaptureStatus> statuses;  // told on this thread, inside capturePointer
-    rlimit huge = saved;
-    huge.rlim_cur = kHuge;
-    ASSERT_EQ(::setrlimit(RLIMIT_STACK, &huge), 0);
-    driver->capturePointer(records.callback(), RawInputDriver::StatusCallback::makeUnique(
-                                                   [&](zel::CaptureStatus status) { statuses.push_back(status); }));
-    ASSERT_EQ(::setrlimit(RLIMIT_STACK, &saved), 0);
+    {
+        ThreadRefusal refusal;
+        if (!refusal.active())
+            GTEST_SKIP() << "cannot raise the stack limit";
+        driver->capturePointer(records.callback(), RawInputDriver::StatusCallback::makeUnique(
+                                                       [&](zel::CaptureStatus status) { statuses.push_back(status); }));
+    }
 
     const auto entries = log.entries();
     if (driver->pointerCaptured())
