@@ -72,6 +72,8 @@ test('the first listener starts one capture for all; records arrive unchanged; t
 
   await injector.run('move 5 3', 'click 1');
   const position = await injector.position();
+  // The reader asks for the position when it reads the event: let it read this one before the markers move on.
+  assert.ok(await waitFor(() => first.length >= 3), 'the move and the click arrive');
   await injector.settle(first);
   assert.deepEqual(offsetsOf(first), [motion(5, 3), buttons(2, 0, 0), buttons(1, 0, 0)]);
   assert.deepEqual(first[0][1], { offset: { x: 5, y: 3 }, screenPoint: position });
