@@ -18,7 +18,7 @@ const paths = {
   comBench: path.join(buildDir, 'bench', 'com_bench'),
 };
 
-const { sleep, percentiles } = require('../tests/js/support.js');
+const { sleep, percentiles, startProcess } = require('../tests/js/support.js');
 
 /** A fresh scratch directory for one measurement's files. */
 function scratchDir(tag) {
@@ -51,18 +51,17 @@ function movePattern(total, perBlock = 1000) {
 }
 
 /** Runs a command to completion; resolves { code, signal }. Standard output goes to `stdoutFile` when given. */
-function run(command, args, { stdoutFile, input, env } = {}) {
-  return new Promise((resolve, reject) => {
-    const out = stdoutFile ? fs.openSync(stdoutFile, 'w') : 'ignore';
-    const child = spawn(command, args, {
-      stdio: [input !== undefined ? 'pipe' : 'ignore', out, 'inherit'],
-      env: env || process.env,
-    });
-    if (stdoutFile) fs.closeSync(out);
-    child.on('error', reject);
-    child.on('exit', (code, signal) => resolve({ code, signal }));
-    if (input !== undefined) child.stdin.end(input);
+async function run(command, args, { stdoutFile, input, env } = {}) {
+  const out = stdoutFile ? fs.openSync(stdoutFile, 'w') : 'ignore';
+  const child = startProcess(command, args, {
+    stdio: [input !== undefined ? 'pipe' : 'ignore', out, 'inherit'],
+    env: env || process.env,
   });
+  if (stdoutFile) fs.closeSync(out);
+  if (input !== undefined) child.end(input);
+  const { status, signal, error } = await child.ended;
+  if (error && status === null) throw error;
+  return { code: status, signal };
 }
 
 /** Send timestamps (CLOCK_MONOTONIC ns, as BigInt) printed by `xinject -t`. */

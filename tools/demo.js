@@ -16,8 +16,8 @@
 const fs = require('node:fs');
 const path = require('node:path');
 const readline = require('node:readline');
-const { spawn, spawnSync } = require('node:child_process');
-const { toolEnv, startXvfb, percentiles, sleep, waitFor } = require('../tests/js/support.js');
+const { spawnSync } = require('node:child_process');
+const { toolEnv, startProcess, startXvfb, percentiles, sleep, waitFor } = require('../tests/js/support.js');
 
 const root = path.join(__dirname, '..');
 const buttonNames = ['-', 'released', 'pressed'];
@@ -141,21 +141,21 @@ async function recordGesture(stop, received, xinjectPath) {
   // The gesture, one command every 4 ms; xinject prints the send time of every event it sends (-t).
   const moves = circle();
   const commands = [...moves.map(([dx, dy]) => `move ${dx} ${dy}`), 'click 1', 'click 2', 'click 3'];
-  const injector = spawn(xinjectPath, ['-d', display, '-t', 'script'], { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
+  const injector = startProcess(xinjectPath, ['-d', display, '-t', 'script'],
+    { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
   const sendTimes = [];
-  readline.createInterface({ input: injector.stdout }).on('line', (line) => {
+  readline.createInterface({ input: injector.child.stdout }).on('line', (line) => {
     if (/^\d+$/.test(line)) sendTimes.push(BigInt(line));
     else console.error(`demo: xinject: ${line}`);
   });
-  const injectorDone = new Promise((resolve) => injector.once('exit', resolve));
   console.log(`Playing a circle of ${moves.length} relative moves, then a left, a middle and a right click.`);
   for (const command of commands) {
-    injector.stdin.write(`${command}\n`);
+    injector.write(`${command}\n`);
     await sleep(4);
   }
-  injector.stdin.end('quit\n');
-  const status = await injectorDone;
-  if (status !== 0) throw new Error(`xinject ended with status ${status}`);
+  injector.end('quit\n');
+  const { status, signal, error } = await injector.ended;
+  if (status !== 0) throw new Error(`xinject ended (${error ? error.message : signal || `status ${status}`})`);
 
   const sent = sendTimes.length; // one line per event: a move is one, a click two (press, release)
   await waitFor(() => received.length >= sent, 5000);

@@ -17,10 +17,10 @@ const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
-const { spawn, spawnSync } = require('node:child_process');
+const { spawnSync } = require('node:child_process');
 const {
-  describe, requireBridge, requireTestkit, runChild, sleep, startXvfb, stopProcess, toolEnv, xinject, xinjectPath,
-  TOOL_MS,
+  describe, requireBridge, requireTestkit, runChild, sleep, startChild, startXvfb, stopProcess, streamMoves, toolEnv,
+  xinject, xinjectPath, TOOL_MS,
 } = require('./support');
 
 // Seconds a child may take to end once its fault happened.
@@ -71,43 +71,13 @@ function deadDisplay() {
 }
 
 /**
- * Starts `script` in a child node with DISPLAY=`display`. Returns { lines(stream), waitFor(stream, text, ms),
- * ended (a promise of { status, signal, stdout, stderr, seconds }), kill() }.
+ * Starts `script` in a child node with DISPLAY=`display` (`startChild`), with `next()`: sends SIGUSR2, the child's
+ * next step (see `onSignal`).
  */
-function startChild(script, display, options = {}) {
-  const child = spawn(process.execPath, [...(options.execArgv || []), '-e', script], {
-    env: { ...process.env, DISPLAY: display, ...(options.env || {}) },
-    stdio: ['ignore', 'pipe', 'pipe'],
-  });
-  const output = { stdout: '', stderr: '' };
-  child.stdout.setEncoding('utf8').on('data', (chunk) => { output.stdout += chunk; });
-  child.stderr.setEncoding('utf8').on('data', (chunk) => { output.stderr += chunk; });
-  let endedAt = 0;
-  const ended = new Promise((resolve) => {
-    child.on('close', (status, signal) => {
-      endedAt = Date.now();
-      resolve({ status, signal, ...output });
-    });
-  });
-  let exited = false;
-  ended.then(() => { exited = true; });
-  return {
-    output,
-    ended,
-    endedAt: () => endedAt,
-    async waitFor(stream, text, ms = 20000) {
-      const end = Date.now() + ms;
-      while (!output[stream].includes(text) && !exited && Date.now() < end) await sleep(5);
-      return output[stream].includes(text);
-    },
-    kill(signal = 'SIGKILL') {
-      if (!exited) child.kill(signal);
-    },
-    /** Sends SIGUSR2: the child's next step (see `onSignal`). */
-    next() {
-      if (!exited) child.kill('SIGUSR2');
-    },
-  };
+function startFaultChild(script, display, options = {}) {
+  const child = startChild(script, { ...options, env: { DISPLAY: display, ...(options.env || {}) } });
+  child.next = () => child.kill('SIGUSR2');
+  return child;
 }
 
 /** Waits at most END_SECONDS for the child to end; a child still running then is killed and reported as hung. */
@@ -117,7 +87,7 @@ async function endOf(child) {
   const result = await Promise.race([child.ended, timeout]);
   clearTimeout(timer);
   if (result === 'hung') {
-    child.kill();
+    child.kill('SIGKILL');
     const killed = await child.ended;
     assert.fail(`the child hung\n${describe(killed)}`);
   }
@@ -209,7 +179,7 @@ async function moveUntil(display, done, move = [1, 0]) {
 for (const [signal, how] of [['SIGKILL', 'killed'], ['SIGTERM', 'terminated']]) {
   test(`X server ${how} while a capture reads: one Error line, the host goes on, stops and exits normally`, async () => {
     const server = await startServer();
-    const child = startChild(capturingChild(false), server.display);
+    const child = startFaultChild(capturingChild(false), server.display);
     try {
       assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('capturing')),
         `the capture delivers\n${describe(child.output)}`);
@@ -226,7 +196,7 @@ for (const [signal, how] of [['SIGKILL', 'killed'], ['SIGTERM', 'terminated']]) 
       // The loss is reported on the reader thread: standard output only.
       assert.deepEqual(scriptLog(result), [['Native: capture pointer', 0], ['Pointer capture released', 0]]);
     } finally {
-      child.kill();
+      child.kill('SIGKILL');
       server.stop();
     }
   });
@@ -234,8 +204,7 @@ for (const [signal, how] of [['SIGKILL', 'killed'], ['SIGTERM', 'terminated']]) 
 
 /** Kills the server of a busy capturing child after `delay` ms of streaming moves, then lets it stop; its end. */
 async function killWhileStreaming(child, server, delay, afterKill = async () => {}) {
-  const injector = spawn(xinjectPath, ['-d', server.display, 'move', '1', '1', '-n', '1000000', '-r', '2000'],
-    { stdio: 'ignore', env: toolEnv() });
+  const moves = streamMoves({ rate: 2000, wiggle: false, display: server.display });
   try {
     assert.ok(await child.waitFor('stderr', 'capturing'), `the capture delivers\n${describe(child.output)}`);
     await sleep(delay);
@@ -244,8 +213,8 @@ async function killWhileStreaming(child, server, delay, afterKill = async () => 
     child.next();
     return await endOf(child);
   } finally {
-    injector.kill('SIGKILL');
-    child.kill();
+    await moves.stop();
+    child.kill('SIGKILL');
     server.stop();
   }
 }
@@ -253,7 +222,7 @@ async function killWhileStreaming(child, server, delay, afterKill = async () => 
 test(`X server killed while records stream in and the script thread is busy: the host goes on (${ROUNDS} rounds)`, async () => {
   for (let round = 0; round < ROUNDS; ++round) {
     const server = await startServer();
-    const child = startChild(capturingChild(true), server.display);
+    const child = startFaultChild(capturingChild(true), server.display);
     const result = await killWhileStreaming(child, server, 100 + 50 * (round % 5),
       () => child.waitFor('stdout', lostLine(server.display), 5000));
     assertSurvived(result, server.display);
@@ -265,7 +234,7 @@ test(`X server killed while records stream in and the script thread is busy: the
 test(`X server killed while a capture reads and the script thread queries buttons: both connections lost, the host goes on (${ROUNDS} rounds)`, async () => {
   for (let round = 0; round < ROUNDS; ++round) {
     const server = await startServer();
-    const child = startChild(capturingChild(true, true), server.display);
+    const child = startFaultChild(capturingChild(true, true), server.display);
     const result = await killWhileStreaming(child, server, 100 + 50 * (round % 5), async () => {
       await child.waitFor('stdout', lostLine(server.display), 5000);
       await child.waitFor('stdout', QUERY_LOST, 5000);
@@ -278,7 +247,7 @@ test(`X server killed while a capture reads and the script thread queries button
 
 test('X server killed under a getButtonState poll every millisecond: every call answers false, the loss is logged once', async () => {
   const server = await startServer();
-  const child = startChild(`
+  const child = startFaultChild(`
     ${prelude}
     const answers = new Set();
     let calls = 0;
@@ -307,7 +276,7 @@ test('X server killed under a getButtonState poll every millisecond: every call 
     assert.deepEqual(scriptLog(result), [[QUERY_LOST, 2]]);
     assert.equal(result.stdout, `${QUERY_LOST}\n`, 'one line for the loss, none per call');
   } finally {
-    child.kill();
+    child.kill('SIGKILL');
     server.stop();
   }
 });
@@ -323,7 +292,7 @@ const statusLines = (result) => result.stderr.split('\n').filter((line) => line.
 
 test('X server killed while pointer is listened to: one "lost" status, the capture released, node ends by itself', async () => {
   const server = await startServer();
-  const child = startChild(listeningChild, server.display);
+  const child = startFaultChild(listeningChild, server.display);
   try {
     assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('capturing')), describe(child.output));
     await server.kill('SIGKILL');
@@ -337,7 +306,7 @@ test('X server killed while pointer is listened to: one "lost" status, the captu
     assert.equal(result.stdout, `Native: capture pointer\n${lostLine(server.display)}\nPointer capture released\n`,
       describe(result));
   } finally {
-    child.kill();
+    child.kill('SIGKILL');
     server.stop();
   }
 });
@@ -345,7 +314,7 @@ test('X server killed while pointer is listened to: one "lost" status, the captu
 test('another client sends the capture\'s window "_APP_CLOSE_INPUT": one warning and "closed" status, the capture '
   + 'released, node ends by itself', async () => {
   const server = await startServer();
-  const child = startChild(listeningChild, server.display);
+  const child = startFaultChild(listeningChild, server.display);
   const closed = 'Another X client sent the "_APP_CLOSE_INPUT" message to the capture\'s window: pointer capture ended';
   try {
     assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('capturing')), describe(child.output));
@@ -359,7 +328,7 @@ test('another client sends the capture\'s window "_APP_CLOSE_INPUT": one warning
     assert.equal(result.stdout, `Native: capture pointer\n${closed}\nPointer capture released\n`, describe(result));
     assert.equal(xinject('-d', server.display, 'closecapture'), '0\n', 'the released capture left no window');
   } finally {
-    child.kill();
+    child.kill('SIGKILL');
     server.stop();
   }
 });
@@ -383,7 +352,7 @@ test('a reader thread the system refuses: "failed" reaches \'status\' before nod
 
 test('X server killed while a capture is stopped and buttons are not queried: nothing happens until the next use', async () => {
   const server = await startServer();
-  const child = startChild(`
+  const child = startFaultChild(`
     ${prelude}
     const capture = z.hardware.capturePointer();
     let records = 0;
@@ -408,7 +377,7 @@ test('X server killed while a capture is stopped and buttons are not queried: no
     assert.match(result.stderr, /^still running\nreturned false$/m, describe(result));
     assert.equal(result.stdout, `Native: capture pointer\nPointer capture released\n${QUERY_LOST}\n`, describe(result));
   } finally {
-    child.kill();
+    child.kill('SIGKILL');
     server.stop();
   }
 });
@@ -418,7 +387,7 @@ test('after a lost connection a capture started again says why it cannot read, a
   // The display of the server that comes back: a new one, which the child finds in DISPLAY (read by Xlib at each
   // connection) once the parent has written its name here.
   const displayFile = path.join(os.tmpdir(), `zel-faults-display-${process.pid}`);
-  const child = startChild(`
+  const child = startFaultChild(`
     ${prelude}
     const capture = z.hardware.capturePointer();
     let records = 0;
@@ -455,7 +424,7 @@ test('after a lost connection a capture started again says why it cannot read, a
       'Fail to open X display', 'Pointer capture released', 'Pointer capture released', ''].join('\n'),
     describe(result));
   } finally {
-    child.kill();
+    child.kill('SIGKILL');
     server.stop();
     if (again) again.stop();
     fs.rmSync(displayFile, { force: true });
@@ -476,7 +445,7 @@ for (const [owner, setup, expectEnd] of [
 ]) {
   test(`the host's own X connection keeps ${owner} when the server goes away; the module's does not end the host`, async () => {
     const server = await startServer();
-    const child = startChild(`
+    const child = startFaultChild(`
       const kit = ${requireTestkit};
       ${setup}
       ${prelude}
@@ -504,7 +473,7 @@ for (const [owner, setup, expectEnd] of [
       assert.ok(!result.stderr.includes('host connection returned'), describe(result));
       assert.ok(!result.stderr.includes('no host connection'), describe(result));
     } finally {
-      child.kill();
+      child.kill('SIGKILL');
       server.stop();
     }
   });
@@ -537,7 +506,7 @@ function assertStoppedInTime(result) {
 
 test('stop with every client slot of the server taken: returns at once, the reader is joined', async () => {
   const server = await startServer({ args: ['-maxclients', '64'] });
-  const child = startChild(stoppingChild(`
+  const child = startFaultChild(stoppingChild(`
     onSignal(() => { let opened = 0; while (kit.xhost.open()) ++opened; say('filled ' + opened); }, stop);
   `), server.display);
   try {
@@ -550,7 +519,7 @@ test('stop with every client slot of the server taken: returns at once, the read
     assert.ok(Number(/^filled (\d+)$/m.exec(result.stderr)[1]) > 0, describe(result));
     assertStoppedInTime(result);
   } finally {
-    child.kill();
+    child.kill('SIGKILL');
     server.stop();
   }
 });
@@ -562,7 +531,7 @@ for (const [state, makeUnreachable, restore] of [
 ]) {
   test(`stop with ${state}: returns at once, the reader is joined`, async () => {
     const server = await startServer();
-    const child = startChild(stoppingChild('onSignal(stop);'), server.display);
+    const child = startFaultChild(stoppingChild('onSignal(stop);'), server.display);
     try {
       assert.ok(await moveUntil(server.display, () => child.output.stderr.includes('capturing')), describe(child.output));
       makeUnreachable(server);
@@ -573,7 +542,7 @@ for (const [state, makeUnreachable, restore] of [
       assert.equal(result.stdout, 'Native: capture pointer\nPointer capture released\n', describe(result));
     } finally {
       restore(server);
-      child.kill();
+      child.kill('SIGKILL');
       server.stop();
     }
   });
@@ -582,7 +551,7 @@ for (const [state, makeUnreachable, restore] of [
 test(`stop right after the server was killed while records stream in: returns at once (${ROUNDS} rounds)`, async () => {
   for (let round = 0; round < ROUNDS; ++round) {
     const server = await startServer();
-    const child = startChild(stoppingChild('onSignal(stop);'), server.display);
+    const child = startFaultChild(stoppingChild('onSignal(stop);'), server.display);
     const result = await killWhileStreaming(child, server, 50 + 30 * (round % 5));
     assertSurvived(result, server.display);
     assertStoppedInTime(result);
@@ -591,7 +560,7 @@ test(`stop right after the server was killed while records stream in: returns at
 });
 
 test('no X server at all: getButtonState answers false with a warning, a capture starts and stops without input', async () => {
-  const child = startChild(`
+  const child = startFaultChild(`
     ${prelude}
     say('button ' + z.hardware.getButtonState(0));
     const capture = z.hardware.capturePointer();
@@ -617,7 +586,7 @@ test('callbacks that throw on every record: delivery goes on, every record arriv
   const moves = 300;
   const clicks = 40;
   // Probe moves go down (0, 1) until the reader runs; the counted moves go right (1, 0).
-  const child = startChild(`
+  const child = startFaultChild(`
     ${prelude}
     let uncaught = 0;
     process.on('uncaughtException', () => { ++uncaught; });
@@ -656,7 +625,7 @@ test('callbacks that throw on every record: delivery goes on, every record arriv
     assert.equal(seen.buttons, 2 * clicks, describe(result));
     assert.equal(result.stdout, 'Native: capture pointer\nPointer capture released\n', describe(result));
   } finally {
-    child.kill();
+    child.kill('SIGKILL');
     server.stop();
   }
 });
@@ -666,7 +635,7 @@ test('a running capture dropped and collected by an allocation-started collectio
   // No gc() call, and nothing that watches the wrapper (a WeakRef or a FinalizationRegistry changes when it is
   // collected): the collection comes from allocations in compiled code, which run it with no context entered.
   // The child churns until this process sees the native release on its standard output and ends it.
-  const child = startChild(`
+  const child = startFaultChild(`
     ${prelude}
     // Garbage that lives across turns, so that it is promoted and the old generation fills until a full
     // collection starts from an allocation.
@@ -695,7 +664,7 @@ test('a running capture dropped and collected by an allocation-started collectio
     assert.equal(result.signal, 'SIGTERM', `alive until ended here\n${describe(result)}`);
     assert.equal(result.stdout, 'Native: capture pointer\nPointer capture released\n', describe(result));
   } finally {
-    child.kill();
+    child.kill('SIGKILL');
     server.stop();
   }
 });
@@ -706,12 +675,11 @@ for (const [where, trigger] of [
 ]) {
   test(`process.exit(7) ${where} while records stream in: exits promptly with status 7`, async () => {
     const server = await startServer();
-    const injector = spawn(xinjectPath, ['-d', server.display, 'move', '1', '1', '-n', '1000000', '-r', '2000'],
-      { stdio: 'ignore', env: toolEnv() });
+    const moves = streamMoves({ rate: 2000, wiggle: false, display: server.display });
     try {
       for (let round = 0; round < 5; ++round) {
         const inCallback = where.includes('callback');
-        const child = startChild(`
+        const child = startFaultChild(`
           ${prelude}
           const capture = z.hardware.capturePointer();
           let records = 0;
@@ -733,7 +701,7 @@ for (const [where, trigger] of [
         assert.equal(result.stdout, 'Native: capture pointer\n', describe(result));
       }
     } finally {
-      injector.kill('SIGKILL');
+      await moves.stop();
       server.stop();
     }
   });

@@ -8,9 +8,8 @@ const assert = require('node:assert/strict');
 const events = require('node:events');
 const fs = require('node:fs');
 const path = require('node:path');
-const { spawn } = require('node:child_process');
 const {
-  indexPath, runChild, describe, sleep, tick, xinjectPath, useTestDisplay, waitFor, Injector, streamMoves,
+  indexPath, runChild, describe, sleep, tick, xinjectPath, useTestDisplay, waitFor, Injector, streamMoves, startChild,
 } = require('./support');
 
 useTestDisplay();
@@ -443,27 +442,25 @@ test("README's first example runs as written, from CommonJS and from an ES modul
   const [requireLine, importComment] = example.split('\n');
   assert.match(requireLine, /require\('zelbridge'\)/);
   const asModule = example.replace(requireLine, importComment.replace('// As an ES module: ', ''));
-  for (const args of [['-e', example], ['--input-type=module', '-e', asModule]]) {
+  for (const [script, execArgv] of [[example, []], [asModule, ['--input-type=module']]]) {
     // In the package's directory, where 'zelbridge' names the package itself.
-    const child = spawn(process.execPath, args, { cwd: root, stdio: ['ignore', 'pipe', 'pipe'] });
-    let out = '';
-    child.stdout.on('data', (chunk) => { out += chunk; });
-    child.stderr.on('data', (chunk) => { out += chunk; });
-    const exited = new Promise((resolve) => child.once('exit', (code, signal) => resolve({ code, signal })));
+    const child = startChild(script, { execArgv, cwd: root });
+    const out = () => child.output.stdout + child.output.stderr;
     try {
       const end = Date.now() + 20000;
-      while (!/moved by \(1, 1\)/.test(out)) {
-        assert.ok(Date.now() < end, `the example receives input\n${out}`);
+      while (!/moved by \(1, 1\)/.test(out())) {
+        assert.ok(Date.now() < end, `the example receives input\n${out()}`);
         await injector.run('move 1 1', 'move -1 -1');
         await sleep(10);
       }
       await injector.run('click 1');
-      assert.deepEqual(await exited, { code: 0, signal: null }, out);
+      const { status, signal } = await child.ended;
+      assert.deepEqual({ status, signal }, { status: 0, signal: null }, out());
     } finally {
       child.kill('SIGKILL');
     }
-    assert.match(out, /^moved by \(-1, -1\) to \(\d+, \d+\)$/m);
-    assert.match(out, /^left button pressed$/m);
+    assert.match(out(), /^moved by \(-1, -1\) to \(\d+, \d+\)$/m);
+    assert.match(out(), /^left button pressed$/m);
   }
 });
 

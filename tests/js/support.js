@@ -83,6 +83,33 @@ function runChild(script, options = {}) {
   return { status: result.status, signal: result.signal, stdout: result.stdout, stderr: result.stderr };
 }
 
+/**
+ * Starts `script` (source text) with this node in a child process that runs alongside the test. `options.env` adds
+ * variables, `options.execArgv` node options, `options.cwd` sets the directory, `options.stdin` gives it a standard
+ * input to `send` lines to, `options.onLine(stream, line)` sees each line of its output. Returns the child
+ * (`startProcess`, its output kept) with `send(line)` and `waitFor(stream, text, ms)` (whether `text` appeared in
+ * that output before it ended or `ms` passed).
+ */
+function startChild(script, options = {}) {
+  const child = startProcess(process.execPath, [...(options.execArgv || []), '-e', script], {
+    env: { ...process.env, ...(options.env || {}) },
+    cwd: options.cwd,
+    stdio: [options.stdin ? 'pipe' : 'ignore', 'pipe', 'pipe'],
+    keep: true,
+    onLine: options.onLine,
+  });
+  // Its output is whole once its streams have closed.
+  let closed = false;
+  child.ended.then(() => { closed = true; });
+  child.send = (line) => child.write(`${line}\n`);
+  child.waitFor = async (stream, text, ms = 20000) => {
+    const end = Date.now() + ms;
+    while (!child.output[stream].includes(text) && !closed && Date.now() < end) await sleep(5);
+    return child.output[stream].includes(text);
+  };
+  return child;
+}
+
 /** Environment for children that are meant to die of SIGSEGV: a sanitizer must not catch the fault. */
 function crashEnv() {
   if (!sanitized) return {};
@@ -108,6 +135,81 @@ function toolEnv(extra = {}) {
   const env = { ...process.env, ...extra };
   delete env.LD_PRELOAD;
   return env;
+}
+
+/**
+ * Starts a helper process whose end is never an error of this process, however and whenever it ends: a failure to
+ * start it, a write to its standard input after it has ended or while it ends, a signal to it once it is gone. Its
+ * end is what `ended` reports; what a test means to assert about it, it asserts there.
+ * `options`: spawn's (`env`, `cwd`, `stdio`, `detached`); `keep: true` collects its standard output and error as
+ * text (stdio pipes) in `output` and calls `onLine(stream, line)`, when given, for each whole line of either.
+ * Returns { child, pid, output, ended (a promise of { status, signal, error, stdout, stderr }, settled once its
+ * streams have closed), exited (true once it has ended), write(text) (false when it can no longer be written to),
+ * end(text), kill(signal), stop(signal, ms) }.
+ */
+function startProcess(command, args, options = {}) {
+  const { keep = false, onLine, ...spawnOptions } = options;
+  const stdio = spawnOptions.stdio || (keep ? ['pipe', 'pipe', 'pipe'] : ['pipe', 'ignore', 'inherit']);
+  const child = spawn(command, args, { ...spawnOptions, stdio });
+  const output = { stdout: '', stderr: '' };
+  if (keep) {
+    for (const name of ['stdout', 'stderr']) {
+      let partial = '';
+      child[name]?.setEncoding('utf8').on('data', (chunk) => {
+        output[name] += chunk;
+        if (!onLine) return;
+        const lines = (partial + chunk).split('\n');
+        partial = lines.pop();
+        for (const line of lines) onLine(name, line);
+      });
+    }
+  }
+  // A pipe to a process that is gone fails with EPIPE (or ECONNRESET): that is its end, which `ended` tells.
+  for (const stream of child.stdio) stream?.on('error', () => {});
+  const helper = {
+    child,
+    pid: child.pid,
+    output,
+    exited: false,
+    write(text) {
+      if (helper.exited || !child.stdin || child.stdin.destroyed || child.stdin.writableEnded) return false;
+      child.stdin.write(text);
+      return true;
+    },
+    end(text) {
+      if (helper.write(text ?? '')) child.stdin.end();
+    },
+    kill(signal = 'SIGTERM') {
+      if (!helper.exited) child.kill(signal);
+    },
+    /** Sends `signal`, then SIGKILL if it has not ended within `ms`; resolves as `ended` does. */
+    async stop(signal = 'SIGTERM', ms = 5000) {
+      helper.kill(signal);
+      let timer;
+      const late = new Promise((resolve) => { timer = setTimeout(resolve, ms, 'late'); });
+      if ((await Promise.race([helper.ended, late])) === 'late') helper.kill('SIGKILL');
+      clearTimeout(timer);
+      return helper.ended;
+    },
+  };
+  helper.ended = new Promise((resolve) => {
+    let error = null;
+    // An 'error' with no process id: it never started. Any other 'error' (a signal it could not be sent) leaves
+    // its end to 'close', which follows every 'exit'.
+    child.on('error', (e) => {
+      error = e;
+      if (child.pid === undefined) {
+        helper.exited = true;
+        resolve({ status: null, signal: null, error, ...output });
+      }
+    });
+    child.on('exit', () => { helper.exited = true; });
+    child.on('close', (status, signal) => {
+      helper.exited = true;
+      resolve({ status, signal, error, ...output });
+    });
+  });
+  return helper;
 }
 
 /** Sends `signal` to `pid`, then SIGKILL if it is still there after `ms`; resolves once it is gone. */
@@ -140,26 +242,27 @@ async function stopProcess(pid, signal = 'SIGTERM', ms = 5000) {
  */
 async function startXvfb({ args = [], detached = false, log } = {}) {
   const out = log ? fs.openSync(log, 'a') : 'ignore';
-  const child = spawn('Xvfb', ['-displayfd', '3', '-nolisten', 'tcp', '-screen', '0', '1280x1024x24', '-noreset',
-    ...args], { stdio: ['ignore', out, out, 'pipe'], detached, env: toolEnv() });
+  const server = startProcess('Xvfb', ['-displayfd', '3', '-nolisten', 'tcp', '-screen', '0', '1280x1024x24',
+    '-noreset', ...args], { stdio: ['ignore', out, out, 'pipe'], detached, env: toolEnv() });
   if (log) fs.closeSync(out);
   let timer;
   const number = await new Promise((resolve, reject) => {
     let text = '';
-    child.stdio[3].on('data', (data) => {
+    server.child.stdio[3].on('data', (data) => {
       text += data;
       if (text.includes('\n')) resolve(text.trim());
     });
-    child.once('error', (e) => reject(e.code === 'ENOENT' ? new Error('Xvfb is not installed (apt-get install xvfb)') : e));
-    child.once('exit', (code, signal) => reject(new Error(`Xvfb ended (${signal || `status ${code}`}) before it was ready`)));
+    server.ended.then(({ status, signal, error }) => reject(error?.code === 'ENOENT'
+      ? new Error('Xvfb is not installed (apt-get install xvfb)')
+      : new Error(`Xvfb ended (${error ? error.message : signal || `status ${status}`}) before it was ready`)));
     timer = setTimeout(() => {
-      child.kill('SIGKILL');
+      server.kill('SIGKILL');
       reject(new Error(`Xvfb was not ready within ${TOOL_MS} ms`));
     }, TOOL_MS);
   }).finally(() => clearTimeout(timer));
-  child.stdio[3].destroy();
-  if (detached) child.unref();
-  return { display: `:${number}`, pid: child.pid, stop: (signal) => stopProcess(child.pid, signal) };
+  server.child.stdio[3].destroy();
+  if (detached) server.child.unref();
+  return { display: `:${number}`, pid: server.pid, stop: (signal) => stopProcess(server.pid, signal) };
 }
 
 // A static file server in a process of its own (the tests that use it block on npm in spawnSync): it prints its port,
@@ -186,18 +289,18 @@ setTimeout(end, Number(ms)).unref();
  * Resolves to { url, stop() }; stop() resolves once the server has ended.
  */
 async function serveFolder(root, { ms = 20 * 60000 } = {}) {
-  const child = spawn(process.execPath, ['-e', FOLDER_SERVER, path.resolve(root), String(ms)],
+  const server = startProcess(process.execPath, ['-e', FOLDER_SERVER, path.resolve(root), String(ms)],
     { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
-  const ended = new Promise((resolve) => child.once('exit', resolve));
   const port = await new Promise((resolve, reject) => {
-    readline.createInterface({ input: child.stdout }).once('line', resolve);
-    child.once('exit', (code) => reject(new Error(`the folder server ended (status ${code}) before it listened`)));
+    readline.createInterface({ input: server.child.stdout }).once('line', resolve);
+    server.ended.then(({ status, error }) => reject(new Error(`the folder server ended (${error ? error.message
+      : `status ${status}`}) before it listened`)));
   });
   return {
     url: `http://127.0.0.1:${port}`,
     async stop() {
-      child.stdin.end();
-      await ended;
+      server.end();
+      await server.ended;
     },
   };
 }
@@ -254,40 +357,48 @@ async function waitFor(done, ms = 10000) {
 class Injector {
   /** `display`: the X display to inject into (default: DISPLAY); `command`: [program, ...args] instead of xinject. */
   constructor({ display = process.env.DISPLAY, command = [xinjectPath, ...displayArgs(display), 'script'] } = {}) {
-    this.child = spawn(command[0], command.slice(1), { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
+    this.name = path.basename(command[0]);
+    this.process = startProcess(command[0], command.slice(1), { stdio: ['pipe', 'pipe', 'inherit'], env: toolEnv() });
     this.lines = [];
     this.waiting = [];
-    this.exited = false;
-    readline.createInterface({ input: this.child.stdout }).on('line', (line) => {
+    this.done = null;
+    readline.createInterface({ input: this.process.child.stdout }).on('line', (line) => {
       const resolve = this.waiting.shift();
       if (resolve) resolve(line);
       else this.lines.push(line);
     });
-    this.child.on('exit', () => {
-      this.exited = true;
+    // Every line it wrote has been read once its streams have closed.
+    this.process.ended.then((result) => {
+      this.done = result;
       for (const resolve of this.waiting.splice(0)) resolve(null);
     });
   }
 
+  /** The next line it answers; null once it has ended with none left. */
   nextLine() {
     if (this.lines.length) return Promise.resolve(this.lines.shift());
-    if (this.exited) return Promise.resolve(null);
+    if (this.done) return Promise.resolve(null);
     return new Promise((resolve) => this.waiting.push(resolve));
+  }
+
+  /** `line` as an answer to `commands`, or an Error that says how the injector ended when there was none. */
+  unexpected(line, commands) {
+    if (line !== null) return new Error(`${this.name} answered ${JSON.stringify(line)} to ${JSON.stringify(commands)}`);
+    const { status, signal, error } = this.done;
+    const how = error ? error.message : signal || `status ${status}`;
+    return new Error(`${this.name} ended (${how}) before it answered ${JSON.stringify(commands)}`);
   }
 
   /** Sends `commands`, then waits until the server has processed them (the answer to "sync"). */
   async run(...commands) {
-    this.child.stdin.write(`${commands.join('\n')}\nsync\n`);
-    for (;;) {
-      const line = await this.nextLine();
-      if (line === 'ok') return;
-      throw new Error(`xinject answered ${JSON.stringify(line)} to ${JSON.stringify(commands)}`);
-    }
+    this.process.write(`${commands.join('\n')}\nsync\n`);
+    const line = await this.nextLine();
+    if (line !== 'ok') throw this.unexpected(line, commands);
   }
 
-  /** Sends `command` and resolves to the line it answers. */
+  /** Sends `command` and resolves to the line it answers (null when it ended without one). */
   ask(command) {
-    this.child.stdin.write(`${command}\n`);
+    this.process.write(`${command}\n`);
     return this.nextLine();
   }
 
@@ -331,11 +442,10 @@ class Injector {
     }
   }
 
+  /** Asks it to quit and resolves once it has ended, however it ends. */
   async close() {
-    if (this.exited) return;
-    const exited = new Promise((resolve) => this.child.once('exit', resolve));
-    this.child.stdin.end('quit\n');
-    await exited;
+    this.process.end('quit\n');
+    await this.process.ended;
   }
 }
 
@@ -345,13 +455,11 @@ class Injector {
  * xinject paces itself, so the input flows while this process's event loop is blocked too.
  */
 function streamMoves({ rate = 1000, move = [1, 1], wiggle = true, display = process.env.DISPLAY } = {}) {
-  const child = spawn(xinjectPath, [...displayArgs(display), wiggle ? 'wiggle' : 'move', ...move.map(String),
+  const moves = startProcess(xinjectPath, [...displayArgs(display), wiggle ? 'wiggle' : 'move', ...move.map(String),
     '-n', '1000000000', '-r', String(rate)], { stdio: 'ignore', env: toolEnv() });
-  const ended = new Promise((resolve) => child.once('exit', resolve));
   return {
     async stop() {
-      child.kill('SIGTERM');
-      await ended;
+      await moves.stop();
     },
   };
 }
@@ -407,28 +515,31 @@ async function startCompositor() {
   };
   const command = ['sway', '-c', path.join(dir, 'config')];
   const log = fs.openSync(path.join(dir, 'sway.log'), 'a');
-  const sway = spawn(user ? 'setpriv' : command[0],
+  const sway = startProcess(user ? 'setpriv' : command[0],
     user ? ['--reuid=nobody', '--regid=nogroup', '--clear-groups', ...command] : command.slice(1),
     { stdio: ['ignore', log, log], env });
   fs.closeSync(log);
-  let swayEnded = false;
-  sway.once('exit', () => { swayEnded = true; });
+  let stopping = null;
   const compositor = {
     display: null,
     centre: { x: OUTPUT.width / 2, y: OUTPUT.height / 2 },
-    async stop() {
-      await compositor.x?.close();
-      // Xwayland is sway's child: gone with it, or ended here.
-      const xwayland = childrenOf(sway.pid);
-      if (!swayEnded) await stopProcess(sway.pid);
-      await Promise.all(xwayland.map((pid) => stopProcess(pid)));
-      await compositor.pointer?.close();
-      fs.rmSync(dir, { recursive: true, force: true });
+    /** Ends it all once, however much of it is still running; later calls resolve with the first. */
+    stop() {
+      stopping ??= (async () => {
+        await compositor.x?.close();
+        // Xwayland is sway's child: gone with it, or ended here.
+        const xwayland = sway.exited ? [] : childrenOf(sway.pid);
+        await sway.stop();
+        await Promise.all(xwayland.map((pid) => stopProcess(pid)));
+        await compositor.pointer?.close();
+        fs.rmSync(dir, { recursive: true, force: true });
+      })();
+      return stopping;
     },
   };
   try {
     const failure = () => `sway ended early: ${fs.readFileSync(path.join(dir, 'sway.log'), 'utf8')}`;
-    if (!(await waitFor(() => swayEnded || fs.existsSync(displayFile), TOOL_MS)) || swayEnded) throw new Error(failure());
+    if (!(await waitFor(() => sway.exited || fs.existsSync(displayFile), TOOL_MS)) || sway.exited) throw new Error(failure());
     compositor.display = fs.readFileSync(displayFile, 'utf8').trim();
     const socket = fs.readdirSync(dir).find((name) => /^wayland-\d+$/.test(name));
     compositor.pointer = new Injector({ command: [wlinjectPath, '-d', path.join(dir, socket)] });
@@ -473,24 +584,17 @@ function startPointerHost(env = {}) {
       }
     });
   `;
-  const child = spawn(process.execPath, ['-e', script], { env: { ...process.env, ...env }, stdio: ['pipe', 'pipe', 'pipe'] });
   const seen = [];
-  const output = { stdout: '', stderr: '' };
-  child.stdout.setEncoding('utf8').on('data', (chunk) => { output.stdout += chunk; });
-  readline.createInterface({ input: child.stderr }).on('line', (line) => {
-    output.stderr += `${line}\n`;
-    if (line.startsWith('SEEN ')) seen.push(JSON.parse(line.slice(5)));
-  });
-  const ended = new Promise((resolve) => {
-    child.on('close', (status, signal) => resolve({ status, signal, ...output }));
-  });
+  const host = startChild(script, { env, stdin: true, onLine: (stream, line) => {
+    if (stream === 'stderr' && line.startsWith('SEEN ')) seen.push(JSON.parse(line.slice(5)));
+  } });
   return {
     seen,
-    output,
-    ended,
-    send: (line) => child.stdin.write(`${line}\n`),
+    output: host.output,
+    ended: host.ended,
+    send: host.send,
     waitFor: (done, ms) => waitFor(done, ms),
-    kill: () => child.kill('SIGKILL'),
+    kill: () => host.kill('SIGKILL'),
   };
 }
 
@@ -515,6 +619,8 @@ module.exports = {
   sleep,
   collectUntil,
   runChild,
+  startProcess,
+  startChild,
   crashEnv,
   describe,
   requireTestkit,
