@@ -73,11 +73,21 @@ int xrawOpen(XRawReader* reader, const char* program, const char* displayName) {
     return 0;
 }
 
-/* Valuator `index` of a raw event, indexed by the valuator number, 0 when unset. */
+/* How many of the first `bits` valuator bits of a raw event are set: its count of values for them. */
+static int setBits(const XIRawEvent* event, int bits) {
+    int count = 0;
+    for (int i = 0; i < bits; ++i)
+        count += XIMaskIsSet(event->valuators.mask, i) != 0;
+    return count;
+}
+
+/* Valuator `index` of a raw event, 0 when unset: as the module reads it, by the valuator number where that is below
+   the count of values, else at the valuator's place among the set bits (never past the array). */
 static double rawValuator(const XIRawEvent* event, int index) {
-    if (index < event->valuators.mask_len * 8 && XIMaskIsSet(event->valuators.mask, index))
-        return event->raw_values[index];
-    return 0.0;
+    if (index >= event->valuators.mask_len * 8 || !XIMaskIsSet(event->valuators.mask, index))
+        return 0.0;
+    const int count = setBits(event, event->valuators.mask_len * 8);
+    return event->raw_values[index < count ? index : setBits(event, index)];
 }
 
 /* Waits until an event is queued or `deadline` (ns, 0: none) passes; returns whether one is queued. */

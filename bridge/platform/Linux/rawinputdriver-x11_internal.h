@@ -54,12 +54,24 @@ inline void fillRawEventMask(unsigned char* mask) {
     setEventMaskBit(mask, kXIRawButtonRelease);
 }
 
-/// Value of valuator `index` of a raw event: element `index` of `rawValues` when the valuator's bit is set in
-/// the `maskLength`-byte valuator mask, 0.0 otherwise. The array is indexed by the valuator number itself.
+/// How many of the first `bits` bits of a valuator mask are set: the number of values an event carries for them.
+inline int setValuatorBits(const unsigned char* mask, int bits) {
+    int count = 0;
+    for (int i = 0; i < bits; ++i)
+        count += (mask[i / 8] >> (i % 8)) & 1;
+    return count;
+}
+
+/// Value of valuator `index` of a raw event, 0.0 when its bit is not set in the `maskLength`-byte valuator mask.
+/// `rawValues` holds one value per set bit, in valuator order. The array is indexed by the valuator number itself
+/// where that number is below the count of values; beyond it (valuator 1 alone, from a driver that reports only
+/// the axes that moved) the valuator's own value is read, at its place among the set bits, so that the read never
+/// leaves the array.
 inline double rawValuatorValue(const unsigned char* mask, int maskLength, const double* rawValues, int index) {
-    if (index >= 0 && index < maskLength * 8 && (mask[index / 8] & (1 << (index % 8))) != 0)
-        return rawValues[index];
-    return 0.0;
+    if (index < 0 || index >= maskLength * 8 || ((mask[index / 8] >> (index % 8)) & 1) == 0)
+        return 0.0;
+    const int count = setValuatorBits(mask, maskLength * 8);
+    return rawValues[index < count ? index : setValuatorBits(mask, index)];
 }
 
 /// A valuator value as a 32-bit offset, truncated toward zero (saturated outside the range, 0 for NaN).

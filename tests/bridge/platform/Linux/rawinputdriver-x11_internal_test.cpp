@@ -3,10 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <iterator>
 #include <limits>
+#include <memory>
 
 #include "bridge/rawinputdriver.h"
 
@@ -17,40 +22,74 @@ using zel::ButtonEvent;
 using zel::MouseButton;
 using PointerData = zel::RawInputDriver::PointerData;
 
+/// A raw event's valuators as libXi lays them out: one allocation of exactly the valuator mask (padded to a double),
+/// the accelerated values and, last, the raw values, one of each per set bit of the mask. A read past the raw
+/// values leaves the allocation, which AddressSanitizer reports.
+class LibXiValuators {
+public:
+    LibXiValuators(std::initializer_list<unsigned char> mask, std::initializer_list<double> raw)
+        : m_maskLength(static_cast<int>((mask.size() + 7) / 8 * 8)),
+          m_count(static_cast<int>(raw.size())),
+          m_block(std::make_unique<unsigned char[]>(m_maskLength + 2 * m_count * sizeof(double))) {
+        std::copy(mask.begin(), mask.end(), m_block.get());
+        EXPECT_EQ(setValuatorBits(m_block.get(), m_maskLength * 8), m_count) << "one value per set bit";
+        std::memcpy(rawValues(), std::data(raw), m_count * sizeof(double));
+    }
+
+    /// The value of valuator `index` as the driver reads it.
+    double value(int index) const { return rawValuatorValue(m_block.get(), m_maskLength, rawValues(), index); }
+
+private:
+    double* rawValues() const {
+        return reinterpret_cast<double*>(m_block.get() + m_maskLength + m_count * sizeof(double));
+    }
+
+    int m_maskLength;
+    int m_count;
+    std::unique_ptr<unsigned char[]> m_block;
+};
+
 TEST(RawValuatorTest, BothValuatorsSetAreTruncatedTowardZero) {
-    const unsigned char mask[1] = {0x03};
-    const double raw[2] = {2.7, -3.9};
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 0), 2.7);
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 1), -3.9);
-    EXPECT_EQ(truncateOffset(rawValuatorValue(mask, 1, raw, 0)), 2);
-    EXPECT_EQ(truncateOffset(rawValuatorValue(mask, 1, raw, 1)), -3);
+    const LibXiValuators event({0x03}, {2.7, -3.9});
+    EXPECT_DOUBLE_EQ(event.value(0), 2.7);
+    EXPECT_DOUBLE_EQ(event.value(1), -3.9);
+    EXPECT_EQ(truncateOffset(event.value(0)), 2);
+    EXPECT_EQ(truncateOffset(event.value(1)), -3);
 }
 
-TEST(RawValuatorTest, OnlyValuatorOneSetIsReadAtItsOwnPosition) {
-    // Only bit 1 is set; the value is taken at position 1 of the array (by valuator number, not compactly).
-    const unsigned char mask[1] = {0x02};
-    const double raw[2] = {11.0, 7.5};
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 0), 0.0);
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 1), 7.5);
-    EXPECT_EQ(truncateOffset(rawValuatorValue(mask, 1, raw, 0)), 0);
-    EXPECT_EQ(truncateOffset(rawValuatorValue(mask, 1, raw, 1)), 7);
+TEST(RawValuatorTest, OnlyValuatorOneSetReadsItsOwnValue) {
+    // A purely vertical motion from a driver that reports only the axes that moved: one raw value, which is
+    // valuator 1's; there is no element 1 to read.
+    const LibXiValuators event({0x02}, {7.5});
+    EXPECT_DOUBLE_EQ(event.value(0), 0.0);
+    EXPECT_DOUBLE_EQ(event.value(1), 7.5);
+    EXPECT_EQ(truncateOffset(event.value(0)), 0);
+    EXPECT_EQ(truncateOffset(event.value(1)), 7);
+}
+
+TEST(RawValuatorTest, ValuatorsBelowTheCountOfValuesAreReadByTheirNumber) {
+    // Valuators 1 and 3 carry two values: valuator 1 is read at element 1, which is valuator 3's value.
+    const LibXiValuators event({0x0a}, {5.0, 9.0});
+    EXPECT_DOUBLE_EQ(event.value(0), 0.0);
+    EXPECT_DOUBLE_EQ(event.value(1), 9.0);
+    EXPECT_DOUBLE_EQ(event.value(3), 9.0);
 }
 
 TEST(RawValuatorTest, IndexBeyondTheMaskReadsZero) {
-    const unsigned char mask[1] = {0xff};
-    const double raw[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 7), 8.0);
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, 8), 0.0);
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 0, raw, 0), 0.0);
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 1, raw, -1), 0.0);
+    const LibXiValuators event({0xff}, {1, 2, 3, 4, 5, 6, 7, 8});
+    EXPECT_DOUBLE_EQ(event.value(7), 8.0);
+    EXPECT_DOUBLE_EQ(event.value(32), 0.0);
+    EXPECT_DOUBLE_EQ(event.value(-1), 0.0);
+    const double raw[1] = {1.0};
+    const unsigned char none[1] = {0xff};
+    EXPECT_DOUBLE_EQ(rawValuatorValue(none, 0, raw, 0), 0.0);
 }
 
-TEST(RawValuatorTest, ValuatorsInLaterMaskBytes) {
-    const unsigned char mask[2] = {0x00, 0x04};  // valuator 10
-    double raw[11] = {};
-    raw[10] = -42.25;
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 2, raw, 10), -42.25);
-    EXPECT_DOUBLE_EQ(rawValuatorValue(mask, 2, raw, 9), 0.0);
+TEST(RawValuatorTest, AValuatorAloneInALaterMaskByteReadsItsOwnValue) {
+    const LibXiValuators event({0x00, 0x04}, {-42.25});  // valuator 10
+    EXPECT_DOUBLE_EQ(event.value(10), -42.25);
+    EXPECT_DOUBLE_EQ(event.value(9), 0.0);
+    EXPECT_DOUBLE_EQ(event.value(1), 0.0);
 }
 
 TEST(RawValuatorTest, FractionalMotionBelowOneIsLost) {
